@@ -1,0 +1,23 @@
+#include "InformFinder/favourite_volumes.h"
+
+#include <pwd.h>
+#include <unistd.h>
+
+void* openTemporaryPool() {
+    return nullptr;
+}
+
+void releaseTemporaryPool(void*) {}
+
+// The password database knows; the environment is not asked.
+const char* homeDirectory() {
+    static thread_local char area[16384];
+    passwd record = {};
+    passwd* found = nullptr;
+    if (getpwuid_r(getuid(), &record, area, sizeof area, &found) != 0 || found == nullptr) {
+        return "";
+    }
+    return record.pw_dir;
+}
+
+void insertFavouriteVolume(const char*) {}

@@ -1,0 +1,17 @@
+// The four Unicode normalisation forms of a name. Each function takes a NUL-terminated UTF-8 string and
+// returns it in its form, in a static area of its own that the next call of the same function overwrites;
+// null when the input is not valid UTF-8. A result of 1024 bytes or more, terminator included, ends the
+// process. The caller makes sure that no two threads are in here at once.
+#pragma once
+
+// Canonical composition (NFC).
+const char* precompose_string(const char* text);
+
+// Canonical decomposition (NFD).
+const char* decompose_string(const char* text);
+
+// Compatibility composition (NFKC).
+const char* precompose_string2(const char* text);
+
+// Compatibility decomposition (NFKD).
+const char* decompose_string2(const char* text);

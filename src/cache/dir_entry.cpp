@@ -1,0 +1,96 @@
+#include "cache/dir_entry.h"
+
+#include "cache/name_lookup.h"
+#include "cache/refresh.h"
+#include "cache/remote_fetch.h"
+
+#include <cstdlib>
+#include <cstring>
+#include <pthread.h>
+
+DirEntry* dirEntryTop = nullptr;
+int recordsInUse = 0;
+
+namespace {
+
+pthread_mutex_t mutex;
+pthread_mutexattr_t mutexattr;
+
+} // namespace
+
+void DirLock() {
+    pthread_mutex_lock(&mutex);
+}
+
+void DirUnlock() {
+    pthread_mutex_unlock(&mutex);
+}
+
+DirEntry* DirEntryNew(const char* name, std::int32_t type, const struct stat* st) {
+    auto* entry = static_cast<DirEntry*>(std::calloc(1, sizeof(DirEntry)));
+    entry->name = strdup(name);
+    entry->type = type;
+    entry->st = *st;
+    return entry;
+}
+
+DirEntry* DirEntryAdd(DirEntry* dir, const char* name, std::int32_t type, const struct stat* st) {
+    if (dir->type != directoryType) {
+        return nullptr;
+    }
+    DirEntry* entry = DirEntryNew(name, type, st);
+    DirEntryDel(dir, name);
+    HASH_ADD_KEYPTR(hh, dir->children, entry->name, std::strlen(entry->name), entry);
+    return entry;
+}
+
+void DirEntryDel(DirEntry* dir, const char* name) {
+    if (dir->type != directoryType || dir->children == nullptr) {
+        return;
+    }
+    DirEntry* entry = DirEntryFindChild(dir, name);
+    if (entry == nullptr) {
+        return;
+    }
+    HASH_DEL(dir->children, entry);
+    DirEntryFree(entry);
+}
+
+// The table of extended attributes is left alone: nothing in the daemon fills one.
+void DirEntryFree(DirEntry* entry) {
+    std::free(entry->name);
+    entry->name = nullptr;
+    if (entry->type == directoryType) {
+        DirEntry* child = nullptr;
+        DirEntry* next = nullptr;
+        HASH_ITER(hh, entry->children, child, next) {
+            HASH_DEL(entry->children, child);
+            DirEntryFree(child);
+        }
+    }
+    std::free(entry);
+}
+
+DirEntry* DirEntryFindChild(const DirEntry* dir, const char* name) {
+    return findInNameForms(dir->children, name);
+}
+
+void DirInit() {
+    pthread_mutexattr_init(&mutexattr);
+    pthread_mutexattr_settype(&mutexattr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex, &mutexattr);
+
+    struct stat st;
+    DirFetchRemoteAttr("/", &st);
+    dirEntryTop = DirEntryNew("", directoryType, &st);
+    DirForgetVFS();
+}
+
+void DirDestroy() {
+    if (dirEntryTop == nullptr) {
+        return;
+    }
+    DirEntryFree(dirEntryTop);
+    dirEntryTop = nullptr;
+    pthread_mutex_destroy(&mutex);
+}

@@ -1,0 +1,122 @@
+#include "cache/path_lookup.h"
+
+#include "cache/remote_fetch.h"
+#include "kelvane_vfs/checked_text.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr time_t cacheLifetime = 60;
+constexpr std::size_t pathAreaSize = 2048;
+
+void dropCache() {
+    DirEntryFree(dirEntryTop);
+    dirEntryTop = nullptr;
+    struct stat st;
+    DirFetchRemoteAttr("/", &st);
+    dirEntryTop = DirEntryNew("/", directoryType, &st);
+    DirFetchRemoteDir("/", dirEntryTop);
+}
+
+void fetchListing(const char* path, DirEntry* dir) {
+    ++recordsInUse;
+    DirFetchRemoteDir(path, dir);
+    --recordsInUse;
+}
+
+} // namespace
+
+DirEntry* DirGetEntryUnlocked(const char* path) {
+    if (dirEntryTop == nullptr) {
+        std::abort();
+    }
+    char* copy = strdup(path);
+    char* walked = static_cast<char*>(std::malloc(std::strlen(path) + 2));
+    if (recordsInUse == 0 && dirEntryTop->fetchTime != 0 &&
+        dirEntryTop->fetchTime + cacheLifetime < std::time(nullptr)) {
+        dropCache();
+    }
+
+    DirEntry* current = dirEntryTop;
+    char* end = stpcpy(walked, "/");
+    char* rest = nullptr;
+    for (char* component = strtok_r(copy, "/", &rest); component != nullptr && current != nullptr;
+         component = strtok_r(nullptr, "/", &rest)) {
+        if (current->type != directoryType) {
+            current = nullptr;
+            break;
+        }
+        if (current->fetchTime == 0) {
+            fetchListing(walked, current);
+        }
+        current = DirEntryFindChild(current, component);
+        if (end != walked + 1) {
+            *end++ = '/';
+        }
+        end = stpcpy(end, component);
+    }
+    std::free(copy);
+    std::free(walked);
+    return current;
+}
+
+DirEntry* DirGetEntry(const char* path) {
+    DirLock();
+    DirEntry* entry = DirGetEntryUnlocked(path);
+    DirUnlock();
+    return entry;
+}
+
+char* DirReadOriginalEncodingPathUnlocked(const char* path) {
+    auto* result = static_cast<char*>(std::malloc(pathAreaSize));
+    *result = '\0';
+    char* copy = strdup(path);
+    char prefix[pathAreaSize] = "";
+    std::printf("%s: %s\n", "DirReadOriginalEncodingPathUnlocked", path);
+
+    char* rest = nullptr;
+    for (char* component = strtok_r(copy, "/", &rest); component != nullptr;
+         component = strtok_r(nullptr, "/", &rest)) {
+        checkedAppend(prefix, sizeof prefix, "/");
+        checkedAppend(prefix, sizeof prefix, component);
+        checkedAppend(result, pathAreaSize, "/");
+        const DirEntry* entry = DirGetEntryUnlocked(prefix);
+        checkedAppend(result, pathAreaSize, entry != nullptr ? entry->name : component);
+        std::printf("encoded_path=%s\n", result);
+    }
+    std::free(copy);
+    return result;
+}
+
+char* DirReadOriginalEncodingPath(const char* path) {
+    DirLock();
+    char* result = DirReadOriginalEncodingPathUnlocked(path);
+    DirUnlock();
+    return result;
+}
+
+int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
+    // One level from here to the end, so that the record cannot go between its look-up and its use.
+    DirLock();
+    DirEntry* dir = DirGetEntry(path);
+    if (dir == nullptr || dir->type != directoryType) {
+        return 0;
+    }
+    if (dir->fetchTime == 0) {
+        ++recordsInUse;
+        char* servicePath = DirReadOriginalEncodingPathUnlocked(path);
+        DirFetchRemoteDir(servicePath, dir);
+        --recordsInUse;
+        std::free(servicePath);
+    }
+    for (const DirEntry* child = dir->children; child != nullptr;
+         child = static_cast<const DirEntry*>(child->hh.next)) {
+        std::printf("CACHE-DirRead: adding: %s\n", child->name);
+        filler(buf, child->name, &child->st, 0);
+    }
+    DirUnlock();
+    return 1;
+}

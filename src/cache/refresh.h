@@ -1,0 +1,22 @@
+// Keeping the cache in line after a change, entry by entry, and the volume statistics.
+#pragma once
+
+#include <sys/statvfs.h>
+
+// Splits `path` at its last "/": `*parent` is a new string that the caller frees, `*name` points into `path`.
+// Always 1.
+int DirExtractPathName(const char* path, char** parent, const char** name);
+
+// Asks the service for the attributes of `path` and puts its entry into its parent's table, or takes it out
+// when the service no longer has it. Nothing is asked when the parent is not found.
+void DirUpdate(const char* path);
+
+// The same from the attribute object `reply` that a write returned, without a request.
+void DirUpdateWithResponse(const char* path, const char* reply);
+
+// The volume statistics, fetched once per process, or null when the service does not supply them. The record
+// stays the cache's; hold the cache's lock around the call and the use.
+struct statvfs* DirGetVFS();
+
+// Marks the statistics as never fetched.
+void DirForgetVFS();

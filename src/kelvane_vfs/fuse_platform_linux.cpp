@@ -1,0 +1,92 @@
+#include "kelvane_vfs/fuse_platform.h"
+
+#include "kelvane_vfs/operations.h"
+
+#include <csignal>
+#include <ctime>
+#include <pthread.h>
+
+namespace {
+
+// fuse_main_real runs the loop on the thread that started the process, also after it went to the background.
+const pthread_t mainThread = pthread_self();
+
+// The running loop; null before the init callback and after the destroy callback. The lock keeps the handle
+// alive while the exit thread uses it.
+pthread_mutex_t loopLock = PTHREAD_MUTEX_INITIALIZER;
+struct fuse* runningLoop = nullptr;
+bool loopEnded = false;
+
+constexpr unsigned largestWrite = 131072;
+constexpr long firstPauseNanoseconds = 1'000'000;
+constexpr long longestPauseNanoseconds = 128'000'000;
+
+void wakeUp(int) {}
+
+// Marks the session as ended and interrupts the main thread; false once the loop is over. Both loops of the
+// library clear the exited mark as the last thing they do, so a mark that is gone again means that the
+// library is already unmounting, which must not be interrupted.
+bool endLoopOnce(bool& marked) {
+    pthread_mutex_lock(&loopLock);
+    bool running = !loopEnded;
+    if (running && runningLoop != nullptr) {
+        if (!marked) {
+            fuse_exit(runningLoop);
+            marked = true;
+        } else {
+            running = fuse_exited(runningLoop) != 0;
+        }
+        if (running) {
+            pthread_kill(mainThread, SIGUSR1);
+        }
+    }
+    pthread_mutex_unlock(&loopLock);
+    return running;
+}
+
+} // namespace
+
+void platformLoopStarts(struct fuse_conn_info* conn) {
+    pthread_mutex_lock(&loopLock);
+    runningLoop = fuse_get_context()->fuse;
+    loopEnded = false;
+    pthread_mutex_unlock(&loopLock);
+    conn->want |= conn->capable & FUSE_CAP_BIG_WRITES;
+    if (conn->max_write > largestWrite) {
+        conn->max_write = largestWrite;
+    }
+}
+
+void platformLoopEnded() {
+    pthread_mutex_lock(&loopLock);
+    runningLoop = nullptr;
+    loopEnded = true;
+    pthread_mutex_unlock(&loopLock);
+}
+
+// The multithreaded loop sleeps in sem_wait on the main thread, the single-threaded one in a read of the FUSE
+// device. Each looks at the mark only between two sleeps, so the signal that interrupts the sleep may come
+// just too early; hence it is sent again and again until the loop is over.
+void fuse_exit_handler_internal_np() {
+    struct sigaction wake = {};
+    wake.sa_handler = wakeUp;
+    sigemptyset(&wake.sa_mask);
+    sigaction(SIGUSR1, &wake, nullptr);
+
+    bool marked = false;
+    timespec pause = {0, firstPauseNanoseconds};
+    while (endLoopOnce(marked)) {
+        nanosleep(&pause, nullptr);
+        if (pause.tv_nsec < longestPauseNanoseconds) {
+            pause.tv_nsec *= 2;
+        }
+    }
+}
+
+int kelvane_chown(const char* path, uid_t, gid_t) {
+    return kelvane_setattr_x(path, nullptr);
+}
+
+int kelvane_utimens(const char* path, const struct timespec[2]) {
+    return kelvane_setattr_x(path, nullptr);
+}

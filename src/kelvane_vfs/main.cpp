@@ -1,0 +1,33 @@
+#include "kelvane_vfs/checked_text.h"
+#include "kelvane_vfs/fuse_platform.h"
+#include "kelvane_vfs/operations.h"
+#include "kelvane_vfs/process.h"
+#include "kelvane_vfs/stop_path.h"
+#include "kelvane_vfs/transport.h"
+
+#include <cstdio>
+#include <cstring>
+
+int main(int argc, char* argv[]) {
+    if (argc < 2) {
+        return 1;
+    }
+    if (argc == 2) {
+        std::fputs("usage: kelvane_vfs BASE_URL DISK_NAME [FUSE options ...] MOUNT_POINT\n", stderr);
+        return 1;
+    }
+    // The trace has to be there when it happens, and must not be lost when the process ends by abort().
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+
+    mountPoint = argv[argc - 1];
+    startExitThread();
+    checkedCopy(baseURL, sizeof baseURL, argv[1]);
+    finderName = strdup(argv[2]);
+    std::puts("kelvane_vfs starting");
+    initLibCurl();
+    const int fuseResult = fuse_main_real(argc - 2, argv + 2, &kelvane_filesystem_operations,
+                                          sizeof kelvane_filesystem_operations, nullptr);
+    cleanupLibCurl();
+    std::puts("kelvane_vfs exiting");
+    return fuseResult != 0 ? fuseResult : exitCode.load();
+}

@@ -1,0 +1,19 @@
+#include "kelvane_vfs/process.h"
+
+#include <cstdio>
+#include <unistd.h>
+
+char baseURL[128] = "";
+char* finderName = nullptr;
+const char* mountPoint = nullptr;
+int threadPipe[2] = {0, 0};
+pthread_t closeFuseThread;
+std::atomic<std::int32_t> exitCode{0};
+int finderInformed = 0;
+
+void endProcess(int status) {
+    static pthread_mutex_t ending = PTHREAD_MUTEX_INITIALIZER;
+    pthread_mutex_lock(&ending);
+    std::fflush(stdout);
+    _exit(status);
+}

@@ -1,0 +1,33 @@
+// What the process has one of: set by main before the FUSE loop starts, read everywhere.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <pthread.h>
+
+// Base URL of the storage service, used verbatim in front of every encoded path.
+extern char baseURL[128];
+
+// The disk's name (heap copy, lives as long as the process).
+extern char* finderName;
+
+// The mount point as given on the command line (not copied).
+extern const char* mountPoint;
+
+// Read and write end of the pipe from the signal handler to the exit thread; zeros until it is open.
+extern int threadPipe[2];
+
+// The exit thread; never joined.
+extern pthread_t closeFuseThread;
+
+// Exit status for the case that FUSE itself reports success; 1 after a stopping signal.
+extern std::atomic<std::int32_t> exitCode;
+
+// 1 once the first attribute request has started the sidebar registration. Plain on purpose: two first
+// requests at the same moment may both start it, and the second insertion changes nothing.
+extern int finderInformed;
+
+// Ends the process with `status` after flushing standard output, without running exit handlers: other threads
+// are still inside libcurl and its TLS library, whose clean-up would pull the ground from under them. Of
+// several threads that call it at once the first one's status counts; the others never return.
+[[noreturn]] void endProcess(int status);

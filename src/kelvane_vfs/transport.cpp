@@ -1,0 +1,184 @@
+#include "kelvane_vfs/transport.h"
+
+#include "cache/path_lookup.h"
+#include "kelvane_vfs/process.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <event2/buffer.h>
+#include <event2/http.h>
+
+pthread_key_t lubcurlKey;
+
+namespace {
+
+constexpr std::size_t errorTextSize = 1024;
+static_assert(errorTextSize >= CURL_ERROR_SIZE);
+
+// The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
+char* buildURL(const char* path, const char* query) {
+    char* servicePath = DirReadOriginalEncodingPath(path);
+    char* encoded = evhttp_encode_uri(servicePath);
+    std::free(servicePath);
+
+    const std::size_t baseLength = std::strlen(baseURL);
+    const std::size_t encodedLength = std::strlen(encoded);
+    const std::size_t queryLength = query != nullptr ? std::strlen(query) + 1 : 0;
+    auto* url = static_cast<char*>(std::malloc(baseLength + encodedLength + queryLength + 1));
+    char* end = std::copy_n(baseURL, baseLength, url);
+    end = std::copy_n(encoded, encodedLength, end);
+    std::free(encoded);
+    if (query != nullptr) {
+        *end++ = '?';
+        end = std::copy_n(query, queryLength - 1, end);
+    }
+    *end = '\0';
+    return url;
+}
+
+// The list stays allocated when the request is over: one small list for each ranged read.
+curl_slist* buildHeaderList(char* headers) {
+    curl_slist* list = nullptr;
+    char* rest = nullptr;
+    for (char* line = strtok_r(headers, "\n", &rest); line != nullptr; line = strtok_r(nullptr, "\n", &rest)) {
+        list = curl_slist_append(list, line);
+    }
+    return list;
+}
+
+// The byte is the terminator of a body that never comes.
+ReplyBuffer startReply() {
+    return {static_cast<char*>(std::calloc(1, 1)), 0};
+}
+
+} // namespace
+
+int initLibCurl() {
+    curl_global_init(CURL_GLOBAL_ALL);
+    return pthread_key_create(&lubcurlKey, cleanupCurlHandle);
+}
+
+int cleanupLibCurl() {
+    return pthread_key_delete(lubcurlKey);
+}
+
+CURL* getCurlHandle() {
+    CURL* handle = pthread_getspecific(lubcurlKey);
+    if (handle == nullptr) {
+        handle = curl_easy_init();
+        pthread_setspecific(lubcurlKey, handle);
+    }
+    return handle;
+}
+
+void cleanupCurlHandle(void* handle) {
+    curl_easy_cleanup(handle);
+}
+
+std::size_t WriteMemoryCallback(const void* contents, std::size_t size, std::size_t nmemb, void* user) {
+    auto* reply = static_cast<ReplyBuffer*>(user);
+    const std::size_t count = size * nmemb;
+    auto* bytes = static_cast<char*>(std::realloc(reply->bytes, reply->size + count + 1));
+    if (bytes == nullptr) {
+        std::puts("not enough memory (realloc returned NULL)");
+        endProcess(0);
+    }
+    reply->bytes = bytes;
+    std::memcpy(bytes + reply->size, contents, count);
+    reply->size += count;
+    bytes[reply->size] = '\0';
+    return count;
+}
+
+std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t nmemb, void* user) {
+    auto* source = static_cast<UploadSource*>(user);
+    const std::size_t count = std::min(size * nmemb, source->length - source->position);
+    if (count == 0) {
+        return 0;
+    }
+    std::memcpy(destination, source->data + source->position, count);
+    source->position += count;
+    return count;
+}
+
+char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status) {
+    std::fprintf(stderr, "getURL: path: %s, query: %s\n", path, query != nullptr ? query : "(null)");
+    ReplyBuffer reply = startReply();
+    CURL* handle = getCurlHandle();
+    char* url = buildURL(*path == '/' ? path + 1 : path, query);
+    std::fprintf(stderr, "getURL: url: %s\n", url);
+
+    curl_easy_setopt(handle, CURLOPT_URL, url);
+    curl_easy_setopt(handle, CURLOPT_UPLOAD, 0L);
+    curl_easy_setopt(handle, CURLOPT_READFUNCTION, nullptr);
+    curl_easy_setopt(handle, CURLOPT_READDATA, nullptr);
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers != nullptr ? buildHeaderList(headers) : nullptr);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
+
+    const CURLcode result = curl_easy_perform(handle);
+    if (result != CURLE_OK) {
+        std::printf("CURL error: %s\n", curl_easy_strerror(result));
+        if (received != nullptr) {
+            *received = 0;
+        }
+        std::free(reply.bytes);
+        std::free(url);
+        endProcess(1);
+    }
+    if (status != nullptr) {
+        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, status);
+    }
+    std::free(url);
+    std::printf("getURL: %lu bytes retrieved\n", static_cast<unsigned long>(reply.size));
+    if (received != nullptr) {
+        *received = reply.size;
+    }
+    return reply.bytes;
+}
+
+char* postURL(const char* path, const char* query, const void* data, std::size_t length, long* status,
+              std::size_t* received) {
+    UploadSource source = {static_cast<const char*>(data), length, 0};
+    ReplyBuffer reply = startReply();
+    char errorText[errorTextSize] = "";
+    CURL* handle = getCurlHandle();
+    char* url = buildURL(path, query);
+    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/octetstream");
+
+    curl_easy_setopt(handle, CURLOPT_URL, url);
+    curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
+    curl_easy_setopt(handle, CURLOPT_INFILESIZE, static_cast<long>(length));
+    curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
+    curl_easy_setopt(handle, CURLOPT_READFUNCTION, ReadMemoryCallback);
+    curl_easy_setopt(handle, CURLOPT_READDATA, &source);
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
+
+    const CURLcode result = curl_easy_perform(handle);
+    // The area ends with this call; the handle lives on.
+    curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+    if (result != CURLE_OK) {
+        std::fprintf(stderr, "UPLOAD failed due to %s\n", errorText);
+        if (status != nullptr) {
+            *status = 0;
+        }
+        curl_slist_free_all(headers);
+        std::free(url);
+        endProcess(1);
+    }
+    if (status != nullptr) {
+        curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, status);
+    }
+    curl_slist_free_all(headers);
+    std::free(url);
+    // The number is that of the bytes sent, whatever the word says.
+    std::printf("%lu bytes retrieved\n", static_cast<unsigned long>(length));
+    if (received != nullptr) {
+        *received = reply.size;
+    }
+    return reply.bytes;
+}
