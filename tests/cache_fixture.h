@@ -22,7 +22,7 @@ struct CacheTest : testing::Test {
         finderInformed = 1;
         startScript(service);
         checkedFormat(baseURL, sizeof baseURL, "http://127.0.0.1:%u/", service.port);
-        service.replies["GET /?action=props"] = httpReply(200, attributesJson(4096, directoryMode));
+        setReply(service, "GET /?action=props", httpReply(200, attributesJson(4096, directoryMode)));
         DirInit();
         takeRequests(service);
     }
@@ -41,11 +41,11 @@ struct CacheTest : testing::Test {
 
     // Scripts a listing of the encoded path ("" is the root).
     void list(const std::string& encoded, const std::vector<std::string>& elements) {
-        service.replies["GET /" + encoded] = httpReply(200, listingJson(elements));
+        setReply(service, "GET /" + encoded, httpReply(200, listingJson(elements)));
     }
 
     void script(const std::string& request, int status, const std::string& body = "") {
-        service.replies[request] = httpReply(status, body);
+        setReply(service, request, httpReply(status, body));
     }
 
     void expectRequests(const Requests& expected) {

@@ -325,11 +325,12 @@ TEST_F(CacheTest, KeepsRecordsInUseThroughARequest) {
 }
 
 TEST_F(CacheTest, ListingElements) {
-    service.replies["GET /"] = httpReply(
-        200,
-        listingJson({"{\"n\":\"a\",\"T\":4,\"S\":3,\"m\":16877,\"b\":1}", "{\"t\":4,\"s\":9}", "{\"n\":\"b\",\"t\":8}",
-                     "{\"n\":\"big\",\"t\":8,\"s\":3000000000,\"m\":4294967295,\"at\":-5}", "{\"n\":5,\"t\":8}",
-                     "{\"n\":\"\",\"t\":8}", "{\"n\":\"..\",\"t\":4}", "{\"n\":\"x/y\",\"t\":8}", "7"}));
+    setReply(service, "GET /",
+             httpReply(200, listingJson({"{\"n\":\"a\",\"T\":4,\"S\":3,\"m\":16877,\"b\":1}", "{\"t\":4,\"s\":9}",
+                                         "{\"n\":\"b\",\"t\":8}",
+                                         "{\"n\":\"big\",\"t\":8,\"s\":3000000000,\"m\":4294967295,\"at\":-5}",
+                                         "{\"n\":5,\"t\":8}", "{\"n\":\"\",\"t\":8}", "{\"n\":\"..\",\"t\":4}",
+                                         "{\"n\":\"x/y\",\"t\":8}", "7"})));
     DirGetEntry("/a");
     EXPECT_EQ(namesOf(dirEntryTop), "a,b,big,");
     const DirEntry* a = DirEntryFindChild(dirEntryTop, "a");
@@ -447,10 +448,10 @@ TEST_F(CacheTest, TransportFailuresEndTheProcess) {
     DirGetEntry("/x");
     closeConnection();
     const std::string start = "HTTP/1.1 200 OK\r\nContent-Length: 100\r\n\r\nhalf";
-    service.replies["GET /?short"] = {start, true};
-    service.replies["GET /?reset"] = {start, false, true};
-    service.replies["GET /?none"] = {"", true};
-    service.replies["PUT /?reset"] = {start, false, true};
+    setReply(service, "GET /?short", {start, true});
+    setReply(service, "GET /?reset", {start, false, true});
+    setReply(service, "GET /?none", {"", true});
+    setReply(service, "PUT /?reset", {start, false, true});
     for (const char* query : {"short", "reset", "none"}) {
         EXPECT_EXIT(withStdoutOnStderr([&] { getURL("/", query, nullptr, nullptr, nullptr); }),
                     testing::ExitedWithCode(1), "CURL error: [A-Z]")

@@ -308,7 +308,7 @@ TEST_F(OperationsTest, WritesInParts) {
         off_t offset = row.offset;
         for (const auto& [length, status] : row.parts) {
             const std::string line = path + std::to_string(offset);
-            service.replies[line] = httpReply(status, status == 204 ? "" : attributesJson(offset + length, 0100644));
+            setReply(service, line, httpReply(status, status == 204 ? "" : attributesJson(offset + length, 0100644)));
             expected.push_back(line + type + std::to_string(length) + " bytes");
             offset += length;
         }
@@ -326,7 +326,7 @@ TEST_F(OperationsTest, WritesInParts) {
     // A written entry comes anew with the local spelling, and so does the next request.
     for (const char* spelling : {"%C3%A9", "e%CC%81"}) {
         const std::string line = "PUT /%2F" + std::string(spelling) + "?action=write&flags=8194&offset=0";
-        service.replies[line] = httpReply(200, attributesJson(2, 0100644));
+        setReply(service, line, httpReply(200, attributesJson(2, 0100644)));
         EXPECT_EQ(kelvane_write("/e\xcc\x81", "xy", 2, 0, &file), 2);
         expectRequests({line + type + "2 bytes"});
     }

@@ -156,6 +156,11 @@ void stopScript(ScriptedService& service) {
     }
 }
 
+void setReply(ScriptedService& service, const std::string& request, const Reply& reply) {
+    const std::lock_guard<std::mutex> guard(service.lock);
+    service.replies[request] = reply;
+}
+
 std::vector<std::string> takeRequests(ScriptedService& service) {
     const std::lock_guard<std::mutex> guard(service.lock);
     return std::exchange(service.requests, {});

@@ -34,6 +34,8 @@ struct ScriptedService {
 
 Reply httpReply(int status, const std::string& body, const std::string& extraHeaders = "");
 
+// Answers "METHOD target" with `reply` from now on.
+void setReply(ScriptedService& service, const std::string& request, const Reply& reply);
 void startScript(ScriptedService& service);
 void stopScript(ScriptedService& service);
 
