@@ -44,13 +44,9 @@ struct CacheTest : testing::Test {
         setReply(service, "GET /" + encoded, httpReply(200, listingJson(elements)));
     }
 
-    void script(const std::string& request, int status, const std::string& body = "") {
-        setReply(service, request, httpReply(status, body));
-    }
+    void script(const std::string& request, int status, const std::string& body = "") { setReply(service, request, httpReply(status, body)); }
 
-    void expectRequests(const Requests& expected) {
-        EXPECT_EQ(takeRequests(service), expected);
-    }
+    void expectRequests(const Requests& expected) { EXPECT_EQ(takeRequests(service), expected); }
 };
 
 // Runs `call` with both outputs captured, one behind the other: standard output, then standard error.

@@ -31,9 +31,7 @@ DirEntry* newDirectory() {
 
 std::string namesOf(const DirEntry* dir) {
     std::string names;
-    for (const DirEntry* child = dir->children; child != nullptr; child = static_cast<DirEntry*>(child->hh.next)) {
-        names += std::string(child->name) + ",";
-    }
+    for (const DirEntry* child = dir->children; child != nullptr; child = static_cast<DirEntry*>(child->hh.next)) { names += std::string(child->name) + ","; }
     return names;
 }
 
@@ -48,15 +46,14 @@ TEST(NameForms, Convert) {
     const struct {
         std::string text, nfc, nfkc, nfd, nfkd;
     } rows[] = {
-        {"plain.txt", "plain.txt", "plain.txt", "plain.txt", "plain.txt"},
-        {decomposed, composed, composed, decomposed, decomposed},
-        {composed, composed, composed, decomposed, decomposed},
-        {ligature, ligature, "fi", ligature, "fi"},
-        {"\xe1\xb8\x97", "\xe1\xb8\x97", "\xe1\xb8\x97", "e\xcc\x84\xcc\x81", "e\xcc\x84\xcc\x81"},
-        {"\xea\xb0\x81", "\xea\xb0\x81", "\xea\xb0\x81", "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8",
-         "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8"},
-        {"q\xcc\x87\xcc\xa3", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87"},
-        {"", "", "", "", ""},
+            {"plain.txt", "plain.txt", "plain.txt", "plain.txt", "plain.txt"},
+            {decomposed, composed, composed, decomposed, decomposed},
+            {composed, composed, composed, decomposed, decomposed},
+            {ligature, ligature, "fi", ligature, "fi"},
+            {"\xe1\xb8\x97", "\xe1\xb8\x97", "\xe1\xb8\x97", "e\xcc\x84\xcc\x81", "e\xcc\x84\xcc\x81"},
+            {"\xea\xb0\x81", "\xea\xb0\x81", "\xea\xb0\x81", "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8", "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8"},
+            {"q\xcc\x87\xcc\xa3", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87", "q\xcc\xa3\xcc\x87"},
+            {"", "", "", "", ""},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(precompose_string(row.text.c_str()), row.nfc);
@@ -93,10 +90,14 @@ TEST(Protocol, StatusEnvelope) {
         int result;
         const char* output;
     } rows[] = {
-        {204, "{\"hc\":500}", 0, ""},       {200, "no JSON", 0, ""},
-        {200, "call({\"hc\":500})", 0, ""}, {200, nullptr, 0, ""},
-        {200, "{\"HC\":200}", 0, ""},       {200, "{\"hc\":409}", -2, "  -> cannot overwrite\n"},
-        {201, "{\"hc\":409}", 0, ""},       {200, "{\"hc\":500}", -2, "  -> FAILED\n"},
+            {204, "{\"hc\":500}", 0, ""},
+            {200, "no JSON", 0, ""},
+            {200, "call({\"hc\":500})", 0, ""},
+            {200, nullptr, 0, ""},
+            {200, "{\"HC\":200}", 0, ""},
+            {200, "{\"hc\":409}", -2, "  -> cannot overwrite\n"},
+            {201, "{\"hc\":409}", 0, ""},
+            {200, "{\"hc\":500}", -2, "  -> FAILED\n"},
     };
     for (const auto& row : rows) {
         EXPECT_EQ(outputOf([&] { EXPECT_EQ(parse_jsonp_response(row.status, row.body), row.result); }), row.output);
@@ -108,16 +109,14 @@ TEST(Protocol, OpenFlags) {
     const struct {
         int local, service;
     } rows[] = {
-        {O_RDONLY, 0},
-        {O_WRONLY | O_CREAT | O_TRUNC, 0x1101},
-        {O_RDWR | O_APPEND, 0x2002},
-        {O_WRONLY | O_CREAT | O_EXCL, 0x0301},
-        {O_NONBLOCK | O_NOFOLLOW, 0x404000},
-        {O_CLOEXEC | O_NOCTTY | O_ASYNC | O_DIRECTORY, 0},
+            {O_RDONLY, 0},
+            {O_WRONLY | O_CREAT | O_TRUNC, 0x1101},
+            {O_RDWR | O_APPEND, 0x2002},
+            {O_WRONLY | O_CREAT | O_EXCL, 0x0301},
+            {O_NONBLOCK | O_NOFOLLOW, 0x404000},
+            {O_CLOEXEC | O_NOCTTY | O_ASYNC | O_DIRECTORY, 0},
     };
-    for (const auto& row : rows) {
-        EXPECT_EQ(open_flags_local_to_kelv(row.local), row.service) << row.local;
-    }
+    for (const auto& row : rows) { EXPECT_EQ(open_flags_local_to_kelv(row.local), row.service) << row.local; }
 }
 
 TEST(FinderSidebar, PathFromDiskName) {
@@ -125,11 +124,11 @@ TEST(FinderSidebar, PathFromDiskName) {
         const char* name;
         const char* end;
     } rows[] = {
-        {"Documents (storage)", "/Library/kelvane/mount/storage/Documents"},
-        {"A (b) (c)", "/Library/kelvane/mount/c/A (b)"},
-        {"Disk(srv)", "/Library/kelvane/mount/srv/Dis"},
-        {"Disk", nullptr},
-        {"Disk (srv", nullptr},
+            {"Documents (storage)", "/Library/kelvane/mount/storage/Documents"},
+            {"A (b) (c)", "/Library/kelvane/mount/c/A (b)"},
+            {"Disk(srv)", "/Library/kelvane/mount/srv/Dis"},
+            {"Disk", nullptr},
+            {"Disk (srv", nullptr},
     };
     for (const auto& row : rows) {
         std::string name = row.name;
@@ -153,9 +152,7 @@ TEST(FinderSidebar, PathFromDiskName) {
 TEST(CacheRecords, ReplaceAndRemoveInAnySpelling) {
     DirEntry* dir = newDirectory();
     const struct stat st = {};
-    for (const std::string& name : {composed, std::string("A"), std::string("a"), decomposed}) {
-        DirEntryAdd(dir, name.c_str(), fileType, &st);
-    }
+    for (const std::string& name : {composed, std::string("A"), std::string("a"), decomposed}) { DirEntryAdd(dir, name.c_str(), fileType, &st); }
     EXPECT_EQ(namesOf(dir), "A,a," + decomposed + ",");
     DirEntryDel(dir, composed.c_str());
     DirEntryDel(dir, "unknown");
@@ -198,9 +195,7 @@ TEST(CacheRecords, ExtendedAttributes) {
 }
 
 TEST(Cache, SplitsPaths) {
-    const struct {
-        const char *path, *parent, *name;
-    } rows[] = {{"/a", "/", "a"}, {"/a/b", "/a", "b"}, {"a", "/", "a"}, {"/a/b/", "/a/b", ""}, {"/", "/", ""}};
+    const struct { const char *path, *parent, *name; } rows[] = {{"/a", "/", "a"}, {"/a/b", "/a", "b"}, {"a", "/", "a"}, {"/a/b/", "/a/b", ""}, {"/", "/", ""}};
     for (const auto& row : rows) {
         char* parent = nullptr;
         const char* name = nullptr;
@@ -224,9 +219,7 @@ TEST_F(CacheTest, RootWithoutAttributes) {
 
 TEST_F(CacheTest, ListsAndWalks) {
     list("", {element("dir", 4), element("file", 8, 7), element(composed, 4)});
-    list("%2F"
-         "dir",
-         {element("in", 8)});
+    list("%2Fdir", {element("in", 8)});
     list("%2F%C3%A9", {element("x y~", 8)});
     EXPECT_EQ(DirGetEntry("/"), dirEntryTop);
     EXPECT_EQ(DirGetEntry("//"), dirEntryTop);
@@ -238,13 +231,11 @@ TEST_F(CacheTest, ListsAndWalks) {
     EXPECT_STREQ(DirGetEntry(("/" + decomposed + "/x y~").c_str())->name, "x y~");
     expectRequests({"GET /%2Fdir", "GET /%2F%C3%A9"});
     char* path = nullptr;
-    const std::string output =
-        outputOf([&] { path = DirReadOriginalEncodingPath(("//" + decomposed + "/new//" + decomposed).c_str()); });
+    const std::string output = outputOf([&] { path = DirReadOriginalEncodingPath(("//" + decomposed + "/new//" + decomposed).c_str()); });
     EXPECT_EQ(path, "/" + composed + "/new/" + decomposed);
     std::free(path);
-    EXPECT_EQ(output, "DirReadOriginalEncodingPathUnlocked: //" + decomposed + "/new//" + decomposed +
-                          "\nencoded_path=/" + composed + "\nencoded_path=/" + composed + "/new\nencoded_path=/" +
-                          composed + "/new/" + decomposed + "\n");
+    EXPECT_EQ(output, "DirReadOriginalEncodingPathUnlocked: //" + decomposed + "/new//" + decomposed + "\nencoded_path=/" + composed + "\nencoded_path=/" +
+                              composed + "/new\nencoded_path=/" + composed + "/new/" + decomposed + "\n");
     std::string names;
     EXPECT_EQ(DirRead("/", &names, countEntries), 1);
     EXPECT_EQ(names, "dir,file," + composed + ",");
@@ -260,9 +251,7 @@ TEST_F(CacheTest, ListsAndWalks) {
 }
 
 TEST_F(CacheTest, EverySpellingReachesTheServicesOwn) {
-    const struct {
-        std::string stored, asked;
-    } rows[] = {{composed, decomposed}, {decomposed, composed}, {"fi", ligature}, {composed, composed}};
+    const struct { std::string stored, asked; } rows[] = {{composed, decomposed}, {decomposed, composed}, {"fi", ligature}, {composed, composed}};
     for (const auto& row : rows) {
         list("", {element(row.stored, 8)});
         dirEntryTop->fetchTime = 0;
@@ -277,9 +266,7 @@ TEST_F(CacheTest, EverySpellingReachesTheServicesOwn) {
 
 TEST_F(CacheTest, DropsTheTreeAfterAMinute) {
     list("", {element("dir", 4)});
-    list("%2F"
-         "dir",
-         {});
+    list("%2Fdir", {});
     DirGetEntry("/dir/x");
     takeRequests(service);
     dirEntryTop->fetchTime = std::time(nullptr) - 59;
@@ -297,9 +284,7 @@ TEST_F(CacheTest, DropsTheTreeAfterAMinute) {
 // it.
 TEST_F(CacheTest, KeepsRecordsInUseThroughARequest) {
     list("", {element("dir", 4)});
-    list("%2F"
-         "dir",
-         {element("in", 8)});
+    list("%2Fdir", {element("in", 8)});
     script("GET /%2Fdir%2Fin?action=props", 200, attributesJson(5, 0100644));
     const auto expire = [](const std::string&) { dirEntryTop->fetchTime = 1; };
     DirGetEntry("/dir");
@@ -326,11 +311,9 @@ TEST_F(CacheTest, KeepsRecordsInUseThroughARequest) {
 
 TEST_F(CacheTest, ListingElements) {
     setReply(service, "GET /",
-             httpReply(200, listingJson({"{\"n\":\"a\",\"T\":4,\"S\":3,\"m\":16877,\"b\":1}", "{\"t\":4,\"s\":9}",
-                                         "{\"n\":\"b\",\"t\":8}",
-                                         "{\"n\":\"big\",\"t\":8,\"s\":3000000000,\"m\":4294967295,\"at\":-5}",
-                                         "{\"n\":5,\"t\":8}", "{\"n\":\"\",\"t\":8}", "{\"n\":\"..\",\"t\":4}",
-                                         "{\"n\":\"x/y\",\"t\":8}", "7"})));
+            httpReply(200, listingJson({"{\"n\":\"a\",\"T\":4,\"S\":3,\"m\":16877,\"b\":1}", "{\"t\":4,\"s\":9}", "{\"n\":\"b\",\"t\":8}",
+                                   "{\"n\":\"big\",\"t\":8,\"s\":3000000000,\"m\":4294967295,\"at\":-5}", "{\"n\":5,\"t\":8}", "{\"n\":\"\",\"t\":8}",
+                                   "{\"n\":\"..\",\"t\":4}", "{\"n\":\"x/y\",\"t\":8}", "7"})));
     DirGetEntry("/a");
     EXPECT_EQ(namesOf(dirEntryTop), "a,b,big,");
     const DirEntry* a = DirEntryFindChild(dirEntryTop, "a");
@@ -345,15 +328,11 @@ TEST_F(CacheTest, ListingElements) {
     EXPECT_EQ(big->st.st_mode, 0xffffU);
     EXPECT_EQ(big->st.st_atime, -5);
 
-    list("%2F"
-         "a",
-         {element("kept", 8)});
+    list("%2Fa", {element("kept", 8)});
     DirGetEntry("/a/kept");
     DirEntry* dir = DirEntryFindChild(dirEntryTop, "a");
     script("GET /%2Fa", 200, "oops");
-    EXPECT_EQ(outputOf([&] { EXPECT_EQ(DirFetchRemoteDir("/a", dir), 0); }).find("Failed to parse: oops\n") !=
-                  std::string::npos,
-              true);
+    EXPECT_EQ(outputOf([&] { EXPECT_EQ(DirFetchRemoteDir("/a", dir), 0); }).find("Failed to parse: oops\n") != std::string::npos, true);
     EXPECT_EQ(namesOf(dir), "kept,");
     EXPECT_NE(dir->fetchTime, 0);
 }
@@ -428,11 +407,10 @@ TEST_F(CacheTest, TransportBodies) {
     EXPECT_EQ(status, 500);
     EXPECT_EQ(output, "DirReadOriginalEncodingPathUnlocked: e\nencoded_path=/e\ngetURL: 3 bytes retrieved\n"
                       "getURL: path: /e, query: \ngetURL: url: http://127.0.0.1:" +
-                          std::to_string(service.port) + "/%2Fe?\n");
+                              std::to_string(service.port) + "/%2Fe?\n");
     script("PUT /%2Fe?q", 201, "reply");
     takeRequests(service);
-    EXPECT_TRUE(
-        outputOf([&] { body = postURL("/e", "q", "", 0, &status, &received); }).ends_with("\n0 bytes retrieved\n"));
+    EXPECT_TRUE(outputOf([&] { body = postURL("/e", "q", "", 0, &status, &received); }).ends_with("\n0 bytes retrieved\n"));
     EXPECT_STREQ(body, "reply");
     std::free(body);
     std::free(postURL("/e", "q", "data", 4, &status, nullptr));
@@ -453,20 +431,15 @@ TEST_F(CacheTest, TransportFailuresEndTheProcess) {
     setReply(service, "GET /?none", {"", true});
     setReply(service, "PUT /?reset", {start, false, true});
     for (const char* query : {"short", "reset", "none"}) {
-        EXPECT_EXIT(withStdoutOnStderr([&] { getURL("/", query, nullptr, nullptr, nullptr); }),
-                    testing::ExitedWithCode(1), "CURL error: [A-Z]")
-            << query;
+        EXPECT_EXIT(withStdoutOnStderr([&] { getURL("/", query, nullptr, nullptr, nullptr); }), testing::ExitedWithCode(1), "CURL error: [A-Z]") << query;
     }
-    EXPECT_EXIT(postURL("/", "reset", "data", 4, nullptr, nullptr), testing::ExitedWithCode(1),
-                "UPLOAD failed due to [A-Za-z]");
+    EXPECT_EXIT(postURL("/", "reset", "data", 4, nullptr, nullptr), testing::ExitedWithCode(1), "UPLOAD failed due to [A-Za-z]");
     checkedCopy(baseURL, sizeof baseURL, "http://127.0.0.1:1/");
-    EXPECT_EXIT(withStdoutOnStderr([] { getURL("/", nullptr, nullptr, nullptr, nullptr); }), testing::ExitedWithCode(1),
-                "CURL error: Couldn't connect");
+    EXPECT_EXIT(withStdoutOnStderr([] { getURL("/", nullptr, nullptr, nullptr, nullptr); }), testing::ExitedWithCode(1), "CURL error: Couldn't connect");
     ReplyBuffer reply = {static_cast<char*>(std::calloc(1, 1)), 0};
-    EXPECT_EXIT(withStdoutOnStderr([&] { WriteMemoryCallback("", 1, SIZE_MAX / 4, &reply); }),
-                testing::ExitedWithCode(0), "not enough memory \\(realloc returned NULL\\)\n");
+    EXPECT_EXIT(withStdoutOnStderr([&] { WriteMemoryCallback("", 1, SIZE_MAX / 4, &reply); }), testing::ExitedWithCode(0),
+            "not enough memory \\(realloc returned NULL\\)\n");
     std::free(reply.bytes);
-    EXPECT_EXIT(DirReadOriginalEncodingPath(
-                    ("/" + std::string(1000, 'a') + "/" + std::string(1000, 'b') + "/" + std::string(60, 'c')).c_str()),
-                testing::KilledBySignal(SIGABRT), "");
+    EXPECT_EXIT(DirReadOriginalEncodingPath(("/" + std::string(1000, 'a') + "/" + std::string(1000, 'b') + "/" + std::string(60, 'c')).c_str()),
+            testing::KilledBySignal(SIGABRT), "");
 }

@@ -20,14 +20,12 @@ const std::string decomposed = "e\xcc\x81";
 
 int rounds() {
     const char* number = std::getenv("KELVANE_TEST_ROUNDS");
-    return number != nullptr ? std::atoi(number) : 50;
+    return number != nullptr ? static_cast<int>(std::strtol(number, nullptr, 10)) : 50;
 }
 
 std::size_t count(const std::string& text, const std::string& part) {
     std::size_t found = 0;
-    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) {
-        ++found;
-    }
+    for (std::size_t at = 0; (at = text.find(part, at)) != std::string::npos; at += part.size()) { ++found; }
     return found;
 }
 
@@ -110,9 +108,7 @@ struct MountTest : testing::Test {
         const int expectedStatus = runShell("cd '" + expectedIn + "' && " + command, &expected);
         const int actualStatus = runShell("cd '" + actualIn + "' && " + command, &actual);
         EXPECT_EQ(actualStatus, expectedStatus) << command << "\n" << actual.substr(0, 2000);
-        EXPECT_TRUE(actual == expected) << command << "\nlocal:\n"
-                                        << expected.substr(0, 2000) << "\nmounted:\n"
-                                        << actual.substr(0, 2000);
+        EXPECT_TRUE(actual == expected) << command << "\nlocal:\n" << expected.substr(0, 2000) << "\nmounted:\n" << actual.substr(0, 2000);
     }
 };
 
@@ -124,10 +120,10 @@ TEST(CommandLine, Edges) {
         int status;
         std::string output;
     } rows[] = {
-        {"", 1, ""},
-        {"http://127.0.0.1:1/", 1, "usage: kelvane_vfs BASE_URL DISK_NAME [FUSE options ...] MOUNT_POINT\n"},
-        {std::string(128, 'u') + " disk /none", 128 + SIGABRT, "thread started, pipe ready\n"},
-        {std::string(127, 'u') + " disk /none/such", 1, "thread started, pipe ready\nkelvane_vfs starting\n"},
+            {"", 1, ""},
+            {"http://127.0.0.1:1/", 1, "usage: kelvane_vfs BASE_URL DISK_NAME [FUSE options ...] MOUNT_POINT\n"},
+            {std::string(128, 'u') + " disk /none", 128 + SIGABRT, "thread started, pipe ready\n"},
+            {std::string(127, 'u') + " disk /none/such", 1, "thread started, pipe ready\nkelvane_vfs starting\n"},
     };
     for (const auto& row : rows) {
         std::string output;
@@ -137,23 +133,22 @@ TEST(CommandLine, Edges) {
 }
 
 TEST_F(MountTest, ReadsLikeTheDirectoryItself) {
-    runShell(
-        "cp -RL /usr/share/doc /usr/include/linux " + tree + "; cd " + tree +
-        " && mkdir -p 'Ünï/deep er' && "
-        "echo text >'Ünï/deep er/名前' && : >empty && head -c 3000001 /dev/urandom >big && find . -type p -delete");
+    runShell("cp -RL /usr/share/doc /usr/include/linux " + tree + "; cd " + tree +
+             " && mkdir -p 'Ünï/deep er' && "
+             "echo text >'Ünï/deep er/名前' && : >empty && head -c 3000001 /dev/urandom >big && find . -type p -delete");
     mountTree();
     for (const char* command : {
-             "ls -lR --time-style=+%s",
-             "find . -mindepth 1 -printf '%p %y %s %b %m %n %U %G %As %Ts %Cs\\n' | sort",
-             "find . -type f | sort | xargs -d '\\n' md5sum",
-             "tar c --sort=name --atime-preserve . | tar t",
-             "find . -type f | sort | xargs -d '\\n' -P 8 -n 200 cat | wc -c",
-             "rsync -rtn --stats . /nowhere/ | grep 'Number of'",
-             "df --output=size . | tail -n 1",
-             "cat none",
-             "cat big/none",
-             "ls -la none",
-             "tail -c +2999990 big | od -c",
+                 "ls -lR --time-style=+%s",
+                 "find . -mindepth 1 -printf '%p %y %s %b %m %n %U %G %As %Ts %Cs\\n' | sort",
+                 "find . -type f | sort | xargs -d '\\n' md5sum",
+                 "tar c --sort=name --atime-preserve . | tar t",
+                 "find . -type f | sort | xargs -d '\\n' -P 8 -n 200 cat | wc -c",
+                 "rsync -rtn --stats . /nowhere/ | grep 'Number of'",
+                 "df --output=size . | tail -n 1",
+                 "cat none",
+                 "cat big/none",
+                 "ls -la none",
+                 "tail -c +2999990 big | od -c",
          }) {
         expectSame(command, tree, disk);
     }
@@ -196,30 +191,28 @@ TEST_F(MountTest, ProgramsWorkOnIt) {
              "head -c 300000 /dev/urandom >sub/b && echo 3 >'sub/Ünïcode 名前' && tar cf ../src.tar .");
     const std::string git = "git -c user.name=T -c user.email=t@example.invalid ";
     for (const std::string& command : {
-             std::string("cp -a ../src copied && cp -p ../src/a copied/p && ls -R copied"),
-             std::string("rsync -a ../src/ synced && rsync -ai --size-only ../src/ synced | grep '^>'; diff "
-                         "-r ../src synced"),
-             std::string("mkdir untarred && tar xf ../src.tar -C untarred && diff -r ../src untarred"),
-             std::string(
-                 "dd if=../src/sub/b of=odd bs=777 seek=3 count=300 2>&1 | head -n 2; dd if=../src/sub/b of=odd "
-                 "bs=1000 seek=7 count=9 conv=notrunc 2>/dev/null; md5sum odd; stat -c %s odd"),
-             std::string("truncate -s 5000 odd && md5sum odd && truncate -s 10 odd && od -c odd && truncate -s 0 odd "
-                         "&& wc -c odd"),
-             std::string("echo one >>log; echo two >>log; cat log; stat -c %s log"),
-             std::string("echo saved >doc && echo newer >.doc.swp && mv .doc.swp doc && cat doc && ls -A | grep doc"),
-             std::string("mkdir -p é/ü/ñ && echo x >é/ü/ñ/ø && mv é/ü z && cat z/ñ/ø && ls -R é z && rm -r é z && ls"),
-             std::string("sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; "
-                         "select * from t; pragma integrity_check'"),
-             git + "init -q repo && cd repo && cp -r ../copied/sub ../copied/a . && " + git + "add . && " + git +
-                 "commit -qm first && " + git + "fsck 2>&1 && " + git +
-                 "clone -q . ../cloned && diff -r --exclude=.git . ../cloned",
-             std::string("chmod 600 copied/a && chown 0:0 copied/a && touch -d 2001-01-01 copied/a && echo accepted"),
-             std::string("mkdir copied; rm none; mv none other; cat copied; rmdir copied/a; rmdir copied 2>/dev/null"),
-             std::string("mv copied/a copied/sub/b && cat copied/sub/b && mkdir x && touch x/f && mv x synced/x && ls "
-                         "-R synced"),
-             std::string("exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; until [ -z \"$(ls -A | grep "
-                         "hidden)\" ]; do sleep 0.1; done; ls -A"),
-             std::string("rm -r untarred repo cloned && ls -A"),
+                 std::string("cp -a ../src copied && cp -p ../src/a copied/p && ls -R copied"),
+                 std::string("rsync -a ../src/ synced && rsync -ai --size-only ../src/ synced | grep '^>'; diff "
+                             "-r ../src synced"),
+                 std::string("mkdir untarred && tar xf ../src.tar -C untarred && diff -r ../src untarred"),
+                 std::string("dd if=../src/sub/b of=odd bs=777 seek=3 count=300 2>&1 | head -n 2; dd if=../src/sub/b of=odd "
+                             "bs=1000 seek=7 count=9 conv=notrunc 2>/dev/null; md5sum odd; stat -c %s odd"),
+                 std::string("truncate -s 5000 odd && md5sum odd && truncate -s 10 odd && od -c odd && truncate -s 0 odd "
+                             "&& wc -c odd"),
+                 std::string("echo one >>log; echo two >>log; cat log; stat -c %s log"),
+                 std::string("echo saved >doc && echo newer >.doc.swp && mv .doc.swp doc && cat doc && ls -A | grep doc"),
+                 std::string("mkdir -p é/ü/ñ && echo x >é/ü/ñ/ø && mv é/ü z && cat z/ñ/ø && ls -R é z && rm -r é z && ls"),
+                 std::string("sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; "
+                             "select * from t; pragma integrity_check'"),
+                 git + "init -q repo && cd repo && cp -r ../copied/sub ../copied/a . && " + git + "add . && " + git + "commit -qm first && " + git +
+                         "fsck 2>&1 && " + git + "clone -q . ../cloned && diff -r --exclude=.git . ../cloned",
+                 std::string("chmod 600 copied/a && chown 0:0 copied/a && touch -d 2001-01-01 copied/a && echo accepted"),
+                 std::string("mkdir copied; rm none; mv none other; cat copied; rmdir copied/a; rmdir copied 2>/dev/null"),
+                 std::string("mv copied/a copied/sub/b && cat copied/sub/b && mkdir x && touch x/f && mv x synced/x && ls "
+                             "-R synced"),
+                 std::string("exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; until [ -z \"$(ls -A | grep "
+                             "hidden)\" ]; do sleep 0.1; done; ls -A"),
+                 std::string("rm -r untarred repo cloned && ls -A"),
          }) {
         expectSame(command, local, disk);
     }
@@ -233,20 +226,20 @@ TEST_F(MountTest, AgreesWithTheServerInEverySpelling) {
     std::filesystem::create_directories(tree + "/dir " + decomposed);
     mountTree();
     const std::string changes[] = {
-        "cat " + decomposed + " >/dev/null && echo longer >" + decomposed,
-        "printf more >>" + decomposed,
-        "truncate -s 3 " + decomposed,
-        "mv " + decomposed + " 'dir " + composed + "/" + decomposed + "'",
-        "mkdir 'dir " + composed + "/sub' && touch 'dir " + decomposed + "/sub/f'",
-        "rm -r 'dir " + composed + "/sub'",
-        "mv 'dir " + composed + "' plain",
-        "rm plain/" + composed,
+            "cat " + decomposed + " >/dev/null && echo longer >" + decomposed,
+            "printf more >>" + decomposed,
+            "truncate -s 3 " + decomposed,
+            "mv " + decomposed + " 'dir " + composed + "/" + decomposed + "'",
+            "mkdir 'dir " + composed + "/sub' && touch 'dir " + decomposed + "/sub/f'",
+            "rm -r 'dir " + composed + "/sub'",
+            "mv 'dir " + composed + "' plain",
+            "rm plain/" + composed,
     };
     for (const std::string& change : changes) {
         EXPECT_EQ(runShell("cd " + disk + " && " + change), 0) << change;
-        expectSame("find . -mindepth 1 -type d -printf '%p %s\\n' -o -printf '%p %y %s %Ts\\n' | sed 's/" + decomposed +
-                       "/" + composed + "/g' | sort; find . -type f -exec cat {} +",
-                   tree, disk);
+        expectSame("find . -mindepth 1 -type d -printf '%p %s\\n' -o -printf '%p %y %s %Ts\\n' | sed 's/" + decomposed + "/" + composed +
+                           "/g' | sort; find . -type f -exec cat {} +",
+                tree, disk);
     }
 }
 
@@ -272,10 +265,9 @@ TEST_F(MountTest, TwoDaemonsOnOneServer) {
     const pid_t other = mount(second);
     EXPECT_EQ(runShell("ls " + second + " && echo one >" + disk + "/f && mkdir " + disk + "/d"), 0);
     // What the other one cached stays until its minute is over, and files can vanish under it meanwhile.
-    EXPECT_EQ(
-        runShell("cd " + disk + " && for i in $(seq 40); do echo $i >d/$i; done & cd " + second +
-                 " && for i in $(seq 40); do echo $i >e$i; cat ../disk/e$i; rm -f e$i; ls; done >/dev/null 2>&1; wait"),
-        0);
+    EXPECT_EQ(runShell("cd " + disk + " && for i in $(seq 40); do echo $i >d/$i; done & cd " + second +
+                       " && for i in $(seq 40); do echo $i >e$i; cat ../disk/e$i; rm -f e$i; ls; done >/dev/null 2>&1; wait"),
+            0);
     EXPECT_TRUE(eventually([&] { return access((second + "/d/40").c_str(), F_OK) == 0; }, 75));
     expectSame("find . -mindepth 1 -printf '%p %s\\n' | sort", tree, second);
     stop(other, second);
@@ -304,9 +296,7 @@ TEST_F(MountTest, StopsAtEverySignalInEveryMode) {
             pid_t reader = 0;
             if (busy) {
                 reader = startProcess(
-                    {"/bin/sh", "-c",
-                     "exec >/dev/null 2>&1; while cat " + disk + "/big; do :; done; exec 3<" + disk + "/big"},
-                    scratch + "/reader");
+                        {"/bin/sh", "-c", "exec >/dev/null 2>&1; while cat " + disk + "/big; do :; done; exec 3<" + disk + "/big"}, scratch + "/reader");
                 sleepMilliseconds(5);
             }
             kill(process, signal);
@@ -321,10 +311,8 @@ TEST_F(MountTest, StopsAtEverySignalInEveryMode) {
             if (!background) {
                 const std::string output = fileText(disk + "-log.out");
                 std::size_t at = 0;
-                for (const std::string& line :
-                     {"handleSignal: " + std::to_string(signal), "stopping fuse for mount point " + disk,
-                      std::string("handleSignal: write result = 1"),
-                      std::string("got packet from signalHandler, trying to exit...")}) {
+                for (const std::string& line : {"handleSignal: " + std::to_string(signal), "stopping fuse for mount point " + disk,
+                             std::string("handleSignal: write result = 1"), std::string("got packet from signalHandler, trying to exit...")}) {
                     at = output.find(line + "\n", at);
                     ASSERT_NE(at, std::string::npos) << line << output.substr(output.size() - 500);
                 }

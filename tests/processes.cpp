@@ -27,9 +27,7 @@ void watch() {
         if (std::chrono::steady_clock::now() > deadline) {
             deadline = std::chrono::steady_clock::time_point::max();
             std::fputs("watchdog: this takes too long, killing the daemons\n", stderr);
-            for (const pid_t process : watched) {
-                kill(process, SIGKILL);
-            }
+            for (const pid_t process : watched) { kill(process, SIGKILL); }
         }
     }
 }
@@ -59,18 +57,14 @@ std::string makeScratch() {
 }
 
 void removeScratch(const std::string& directory) {
-    for (const std::string& point : mountsBelow(directory)) {
-        runShell("fusermount -u -z '" + point + "'");
-    }
+    for (const std::string& point : mountsBelow(directory)) { runShell("fusermount -u -z '" + point + "'"); }
     std::error_code ignored;
     std::filesystem::remove_all(directory, ignored);
 }
 
 pid_t startProcess(const std::vector<std::string>& command, const std::string& output) {
     std::vector<char*> arguments;
-    for (const std::string& word : command) {
-        arguments.push_back(const_cast<char*>(word.c_str()));
-    }
+    for (const std::string& word : command) { arguments.push_back(const_cast<char*>(word.c_str())); }
     arguments.push_back(nullptr);
     const int out = open((output + ".out").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     const int err = open((output + ".err").c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
@@ -127,9 +121,7 @@ std::string fileText(const std::string& name) {
     return {std::istreambuf_iterator<char>(file), {}};
 }
 
-bool isMounted(const std::string& directory) {
-    return !mountsBelow(directory).empty();
-}
+bool isMounted(const std::string& directory) { return !mountsBelow(directory).empty(); }
 
 pid_t adoptedChild(const std::vector<pid_t>& known) {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -143,9 +135,7 @@ pid_t adoptedChild(const std::vector<pid_t>& known) {
     return 0;
 }
 
-void adoptOrphans() {
-    prctl(PR_SET_CHILD_SUBREAPER, 1);
-}
+void adoptOrphans() { prctl(PR_SET_CHILD_SUBREAPER, 1); }
 
 void startWatchdog(double seconds) {
     const std::lock_guard<std::mutex> guard(watchLock);
@@ -154,8 +144,7 @@ void startWatchdog(double seconds) {
         running = true;
         std::thread(watch).detach();
     }
-    deadline = std::chrono::steady_clock::now() +
-               std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
+    deadline = std::chrono::steady_clock::now() + std::chrono::duration_cast<std::chrono::steady_clock::duration>(std::chrono::duration<double>(seconds));
 }
 
 void stopWatchdog() {
@@ -169,6 +158,4 @@ void watchProcess(pid_t process) {
     watched.push_back(process);
 }
 
-void sleepMilliseconds(int milliseconds) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
-}
+void sleepMilliseconds(int milliseconds) { std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds)); }

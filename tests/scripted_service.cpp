@@ -133,7 +133,7 @@ void startScript(ScriptedService& service) {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof address;
-    bind(service.listener, reinterpret_cast<sockaddr*>(&address), size);
+    static_cast<void>(bind(service.listener, reinterpret_cast<sockaddr*>(&address), size));
     listen(service.listener, 64);
     getsockname(service.listener, reinterpret_cast<sockaddr*>(&address), &size);
     service.port = ntohs(address.sin_port);
@@ -147,13 +147,9 @@ void stopScript(ScriptedService& service) {
     close(service.listener);
     {
         const std::lock_guard<std::mutex> guard(service.lock);
-        for (const int connection : service.connections) {
-            shutdown(connection, SHUT_RDWR);
-        }
+        for (const int connection : service.connections) { shutdown(connection, SHUT_RDWR); }
     }
-    for (std::thread& worker : service.workers) {
-        worker.join();
-    }
+    for (std::thread& worker : service.workers) { worker.join(); }
 }
 
 void setReply(ScriptedService& service, const std::string& request, const Reply& reply) {
@@ -167,24 +163,17 @@ std::vector<std::string> takeRequests(ScriptedService& service) {
 }
 
 std::string attributesJson(long long size, unsigned mode) {
-    return "{\"s\":" + std::to_string(size) + ",\"b\":8,\"m\":" + std::to_string(mode) +
-           ",\"nl\":1,\"at\":11,\"mt\":22,\"ct\":33}";
+    return "{\"s\":" + std::to_string(size) + ",\"b\":8,\"m\":" + std::to_string(mode) + ",\"nl\":1,\"at\":11,\"mt\":22,\"ct\":33}";
 }
 
 std::string listingJson(const std::vector<std::string>& elements) {
     std::string json = "{\"entries\":[";
-    for (const std::string& one : elements) {
-        json += (json.back() == '[' ? "" : ",") + one;
-    }
+    for (const std::string& one : elements) { json += (json.back() == '[' ? "" : ",") + one; }
     return json + "]}";
 }
 
 std::string element(const std::string& name, int type, long long size, unsigned mode) {
-    return "{\"n\":\"" + name + "\",\"t\":" + std::to_string(type) + "," +
-           attributesJson(size, mode != 0   ? mode
-                                : type == 4 ? 040755
-                                            : 0100644)
-               .substr(1);
+    return "{\"n\":\"" + name + "\",\"t\":" + std::to_string(type) + "," + attributesJson(size, mode != 0 ? mode : type == 4 ? 040755 : 0100644).substr(1);
 }
 
 std::string talk(std::uint16_t port, const std::string& text, int milliseconds, bool finish) {
@@ -200,8 +189,7 @@ std::string talk(std::uint16_t port, const std::string& text, int milliseconds, 
             shutdown(connection, SHUT_WR);
         }
         pollfd wait = {connection, POLLIN, 0};
-        while (poll(&wait, 1, milliseconds) > 0 && receiveMore(connection, data)) {
-        }
+        while (poll(&wait, 1, milliseconds) > 0 && receiveMore(connection, data)) {}
     }
     close(connection);
     return data;

@@ -23,7 +23,7 @@ struct ScriptedService {
     std::map<std::string, Reply> replies;                // by "METHOD target"; anything else is answered with 404
     std::function<void(const std::string&)> beforeReply; // called with each recorded request
     std::mutex lock;
-    std::vector<std::string> requests; // "METHOD target", " | Header: value" for each extra header, " + N bytes"
+    std::vector<std::string> requests;         // "METHOD target", " | Header: value" for each extra header, " + N bytes"
     std::map<std::string, std::string> bodies; // the last body sent with each request
     int listener = -1;
     std::atomic<bool> stopping{false};

@@ -23,12 +23,8 @@ struct StorageTest : testing::Test {
 
     void SetUp() override {
         startWatchdog(100);
-        for (const char* directory : {"/tree/d", "/tree/full", "/outside"}) {
-            std::filesystem::create_directories(scratch + directory);
-        }
-        for (const char* file : {"/tree/a.txt", "/tree/d/in", "/tree/full/x", "/outside/secret"}) {
-            std::ofstream(scratch + file) << "content of " << file;
-        }
+        for (const char* directory : {"/tree/d", "/tree/full", "/outside"}) { std::filesystem::create_directories(scratch + directory); }
+        for (const char* file : {"/tree/a.txt", "/tree/d/in", "/tree/full/x", "/outside/secret"}) { std::ofstream(scratch + file) << "content of " << file; }
         std::filesystem::create_symlink("../outside/secret", tree + "/out");
         std::filesystem::create_symlink("/etc", tree + "/absolute");
         std::filesystem::create_symlink("loop", tree + "/loop");
@@ -58,12 +54,10 @@ struct StorageTest : testing::Test {
 
     // Sends a request and gives back its status and body, "204 " or "200 text".
     std::string ask(const std::string& request, const std::string& headers = "", const std::string& body = "") const {
-        const std::string reply = talk(
-            port, request + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + headers +
-                      (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body);
+        const std::string reply = talk(port, request + " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n" + headers +
+                                                     (body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n") + "\r\n" + body);
         const std::size_t end = reply.find("\r\n\r\n");
-        return reply.size() < 12 || end == std::string::npos ? "broken: " + reply
-                                                             : reply.substr(9, 4) + reply.substr(end + 4);
+        return reply.size() < 12 || end == std::string::npos ? "broken: " + reply : reply.substr(9, 4) + reply.substr(end + 4);
     }
 
     std::size_t openDescriptors() const {
@@ -80,31 +74,31 @@ TEST(Target, Paths) {
         int status;
         const char* path;
     } rows[] = {
-        {"/", "/", 0, ""},
-        {"/%2Fa%20b%2f%c3%A9", "/", 0, "a b/\xc3\xa9"},
-        {"/a//b/", "/", 0, "a/b"},
-        {"http://host:1/x", "/", 0, "x"},
-        {"https://host", "/", 0, ""},
-        {"/base%2Fx", "/base", 0, "x"},
-        {"/base", "/base", 0, ""},
-        {"/basement", "/base", 404, ""},
-        {"/other", "/base", 404, ""},
-        {"*", "/", 400, ""},
-        {"/%2", "/", 400, ""},
-        {"/%zz", "/", 400, ""},
-        {"/a%00b", "/", 400, ""},
-        {"/a/%2e%2E/b", "/", 400, ""},
-        {"/./a", "/", 400, ""},
-        {"/a?", "/", 0, "a"},
-        {"/a?x=1", "/", 400, ""},
-        {"/a?action=explode", "/", 400, ""},
-        {"/a?action=truncate", "/", 400, ""},
-        {"/a?action=truncate&offset=-1", "/", 400, ""},
-        {"/a?action=truncate&offset=1x", "/", 400, ""},
-        {"/a?action=rename", "/", 400, ""},
-        {"/a?action=rename&to=%2F..", "/", 400, ""},
-        {"/a?action=create&mode=99999999999", "/", 400, ""},
-        {"/...", "/", 0, "..."},
+            {"/", "/", 0, ""},
+            {"/%2Fa%20b%2f%c3%A9", "/", 0, "a b/\xc3\xa9"},
+            {"/a//b/", "/", 0, "a/b"},
+            {"http://host:1/x", "/", 0, "x"},
+            {"https://host", "/", 0, ""},
+            {"/base%2Fx", "/base", 0, "x"},
+            {"/base", "/base", 0, ""},
+            {"/basement", "/base", 404, ""},
+            {"/other", "/base", 404, ""},
+            {"*", "/", 400, ""},
+            {"/%2", "/", 400, ""},
+            {"/%zz", "/", 400, ""},
+            {"/a%00b", "/", 400, ""},
+            {"/a/%2e%2E/b", "/", 400, ""},
+            {"/./a", "/", 400, ""},
+            {"/a?", "/", 0, "a"},
+            {"/a?x=1", "/", 400, ""},
+            {"/a?action=explode", "/", 400, ""},
+            {"/a?action=truncate", "/", 400, ""},
+            {"/a?action=truncate&offset=-1", "/", 400, ""},
+            {"/a?action=truncate&offset=1x", "/", 400, ""},
+            {"/a?action=rename", "/", 400, ""},
+            {"/a?action=rename&to=%2F..", "/", 400, ""},
+            {"/a?action=create&mode=99999999999", "/", 400, ""},
+            {"/...", "/", 0, "..."},
     };
     for (const auto& row : rows) {
         Target target;
@@ -123,21 +117,21 @@ TEST(Target, Ranges) {
         RangeKind kind;
         std::uint64_t first, length;
     } rows[] = {
-        {nullptr, 10, RangeKind::whole, 0, 10},
-        {"bytes=2-5", 10, RangeKind::part, 2, 4},
-        {"bytes=2-99", 10, RangeKind::part, 2, 8},
-        {"bytes=9-", 10, RangeKind::part, 9, 1},
-        {"bytes=-3", 10, RangeKind::part, 7, 3},
-        {"bytes=-30", 10, RangeKind::part, 0, 10},
-        {"bytes=0-18446744073709551615", 10, RangeKind::part, 0, 10},
-        {"bytes=10-11", 10, RangeKind::unsatisfiable, 0, 10},
-        {"bytes=-0", 10, RangeKind::unsatisfiable, 0, 10},
-        {"bytes=0-0", 0, RangeKind::unsatisfiable, 0, 0},
-        {"bytes=5-2", 10, RangeKind::whole, 0, 10},
-        {"bytes=1-2,4-5", 10, RangeKind::whole, 0, 10},
-        {"bytes=0-18446744073709551616", 10, RangeKind::whole, 0, 10},
-        {"bytes=", 10, RangeKind::whole, 0, 10},
-        {"lines=1-2", 10, RangeKind::whole, 0, 10},
+            {nullptr, 10, RangeKind::whole, 0, 10},
+            {"bytes=2-5", 10, RangeKind::part, 2, 4},
+            {"bytes=2-99", 10, RangeKind::part, 2, 8},
+            {"bytes=9-", 10, RangeKind::part, 9, 1},
+            {"bytes=-3", 10, RangeKind::part, 7, 3},
+            {"bytes=-30", 10, RangeKind::part, 0, 10},
+            {"bytes=0-18446744073709551615", 10, RangeKind::part, 0, 10},
+            {"bytes=10-11", 10, RangeKind::unsatisfiable, 0, 10},
+            {"bytes=-0", 10, RangeKind::unsatisfiable, 0, 10},
+            {"bytes=0-0", 0, RangeKind::unsatisfiable, 0, 0},
+            {"bytes=5-2", 10, RangeKind::whole, 0, 10},
+            {"bytes=1-2,4-5", 10, RangeKind::whole, 0, 10},
+            {"bytes=0-18446744073709551616", 10, RangeKind::whole, 0, 10},
+            {"bytes=", 10, RangeKind::whole, 0, 10},
+            {"lines=1-2", 10, RangeKind::whole, 0, 10},
     };
     for (const auto& row : rows) {
         Range range = {};
@@ -153,68 +147,66 @@ TEST_F(StorageTest, AnswersEveryRequest) {
     const struct {
         std::string request, headers, body, reply;
     } rows[] = {
-        {"GET /a.txt", "", "", "200 content of /tree/a.txt"},
-        {"GET /link", "Range: bytes=8-9\r\n", "", "206 of"},
-        {"GET /a.txt", "Range: bytes=900-901\r\n", "", "416 "},
-        {"HEAD /a.txt", "", "", "200 "},
-        {"GET /" + decomposed, "", "", "200 accent"},
-        {"GET /full", "", "", "200 {\"entries\":[{\"t\":8,\"s\":23,"},
-        {"GET /out", "", "", "404 "},
-        {"GET /absolute/passwd", "", "", "404 "},
-        {"GET /loop", "", "", "404 "},
-        {"GET /none?action=props", "", "", "404 "},
-        {"GET /a.txt/x?action=props", "", "", "404 "},
-        {"GET /" + std::string(300, 'n'), "", "", "404 "},
-        {"GET /pipe", "", "", "403 "},
-        {"GET /%00", "", "", "400 "},
-        {"GET /a.txt?action=what", "", "", "400 "},
-        {"POST /a.txt", "", "x", "405 "},
-        {"DELETE /a.txt", "", "", "405 "},
-        {"HEAD /a.txt?action=unlink", "", "", "405 "},
-        {"GET /a.txt?action=write&flags=1&offset=0", "", "", "405 "},
-        {"PUT /a.txt", "", "x", "405 "},
-        {"GET /?action=unlink", "", "", "403 "},
-        {"GET /?action=rename&to=x&replace=1", "", "", "403 "},
-        {"GET /new?action=create&mode=33188", "", "", "204 "},
-        {"PUT /new?action=write&flags=4353&offset=3", "", "abc", "200 {\"s\":6,"},
-        {"PUT /new?action=write&flags=8193&offset=1", "", "Z", "200 {\"s\":6,"},
-        {"PUT /new?action=write&flags=1&offset=6", chunked + "\r\n2\r\nde\r\n0\r\n", "", "200 {\"s\":8,"},
-        {"GET /new", "", "", std::string("200 \0Z\0abcde", 12)},
-        {"PUT /none?action=write&flags=257&offset=0", "", "x", "404 "},
-        {"PUT /pipe?action=write&flags=1&offset=0", "", "x", "403 "},
-        {"PUT /new?action=write&flags=1&offset=0", "Content-Length: 1048577\r\n", "", "413 "},
-        {"PUT /new?action=write&flags=1&offset=0", "", std::string(1 << 20, 'x'), "200 {\"s\":1048576,"},
-        {"GET /new?action=truncate&offset=2", "", "", "204 "},
-        {"GET /new", "", "", "200 xx"},
-        {"GET /d?action=truncate&offset=2", "", "", "403 "},
-        {"GET /m?action=mkdir", "", "", "200 {\"hc\":200}"},
-        {"GET /m?action=mkdir", "", "", "200 {\"hc\":409}"},
-        {"GET /none/m?action=mkdir", "", "", "404 "},
-        {"GET /full?action=rmdir", "", "", "409 "},
-        {"GET /a.txt?action=rmdir", "", "", "404 "},
-        {"GET /m?action=unlink", "", "", "403 "},
-        {"GET /new?action=rename&to=a.txt", "", "", "200 {\"hc\":409}"},
-        {"GET /new?action=rename&to=m&replace=1", "", "", "200 {\"hc\":409}"},
-        {"GET /d?action=rename&to=full&replace=1", "", "", "200 {\"hc\":409}"},
-        {"GET /d?action=rename&to=d%2Fbelow&replace=1", "", "", "400 "},
-        {"GET /new?action=rename&to=out&replace=1", "", "", "200 {\"hc\":409}"},
-        {"GET /out?action=unlink", "", "", "404 "},
-        {"GET /new?action=rename&to=%2Fa.txt&replace=1", "", "", "200 {\"hc\":200}"},
-        {"GET /a.txt", "", "", "200 xx"},
-        {"GET /new?action=unlink", "", "", "404 "},
-        {"GET /a.txt?action=rename&to=" + decomposed + "&replace=1", "", "", "200 {\"hc\":200}"},
-        {"GET /" + decomposed + "?action=create&mode=33188", "", "", "204 "},
-        {"GET /" + decomposed + "?action=mkdir", "", "", "200 {\"hc\":409}"},
-        {"GET /" + decomposed + "?action=unlink", "", "", "204 "},
-        {"GET /m?action=rmdir", "", "", "204 "},
+            {"GET /a.txt", "", "", "200 content of /tree/a.txt"},
+            {"GET /link", "Range: bytes=8-9\r\n", "", "206 of"},
+            {"GET /a.txt", "Range: bytes=900-901\r\n", "", "416 "},
+            {"HEAD /a.txt", "", "", "200 "},
+            {"GET /" + decomposed, "", "", "200 accent"},
+            {"GET /full", "", "", "200 {\"entries\":[{\"t\":8,\"s\":23,"},
+            {"GET /out", "", "", "404 "},
+            {"GET /absolute/passwd", "", "", "404 "},
+            {"GET /loop", "", "", "404 "},
+            {"GET /none?action=props", "", "", "404 "},
+            {"GET /a.txt/x?action=props", "", "", "404 "},
+            {"GET /" + std::string(300, 'n'), "", "", "404 "},
+            {"GET /pipe", "", "", "403 "},
+            {"GET /%00", "", "", "400 "},
+            {"GET /a.txt?action=what", "", "", "400 "},
+            {"POST /a.txt", "", "x", "405 "},
+            {"DELETE /a.txt", "", "", "405 "},
+            {"HEAD /a.txt?action=unlink", "", "", "405 "},
+            {"GET /a.txt?action=write&flags=1&offset=0", "", "", "405 "},
+            {"PUT /a.txt", "", "x", "405 "},
+            {"GET /?action=unlink", "", "", "403 "},
+            {"GET /?action=rename&to=x&replace=1", "", "", "403 "},
+            {"GET /new?action=create&mode=33188", "", "", "204 "},
+            {"PUT /new?action=write&flags=4353&offset=3", "", "abc", "200 {\"s\":6,"},
+            {"PUT /new?action=write&flags=8193&offset=1", "", "Z", "200 {\"s\":6,"},
+            {"PUT /new?action=write&flags=1&offset=6", chunked + "\r\n2\r\nde\r\n0\r\n", "", "200 {\"s\":8,"},
+            {"GET /new", "", "", std::string("200 \0Z\0abcde", 12)},
+            {"PUT /none?action=write&flags=257&offset=0", "", "x", "404 "},
+            {"PUT /pipe?action=write&flags=1&offset=0", "", "x", "403 "},
+            {"PUT /new?action=write&flags=1&offset=0", "Content-Length: 1048577\r\n", "", "413 "},
+            {"PUT /new?action=write&flags=1&offset=0", "", std::string(1 << 20, 'x'), "200 {\"s\":1048576,"},
+            {"GET /new?action=truncate&offset=2", "", "", "204 "},
+            {"GET /new", "", "", "200 xx"},
+            {"GET /d?action=truncate&offset=2", "", "", "403 "},
+            {"GET /m?action=mkdir", "", "", "200 {\"hc\":200}"},
+            {"GET /m?action=mkdir", "", "", "200 {\"hc\":409}"},
+            {"GET /none/m?action=mkdir", "", "", "404 "},
+            {"GET /full?action=rmdir", "", "", "409 "},
+            {"GET /a.txt?action=rmdir", "", "", "404 "},
+            {"GET /m?action=unlink", "", "", "403 "},
+            {"GET /new?action=rename&to=a.txt", "", "", "200 {\"hc\":409}"},
+            {"GET /new?action=rename&to=m&replace=1", "", "", "200 {\"hc\":409}"},
+            {"GET /d?action=rename&to=full&replace=1", "", "", "200 {\"hc\":409}"},
+            {"GET /d?action=rename&to=d%2Fbelow&replace=1", "", "", "400 "},
+            {"GET /new?action=rename&to=out&replace=1", "", "", "200 {\"hc\":409}"},
+            {"GET /out?action=unlink", "", "", "404 "},
+            {"GET /new?action=rename&to=%2Fa.txt&replace=1", "", "", "200 {\"hc\":200}"},
+            {"GET /a.txt", "", "", "200 xx"},
+            {"GET /new?action=unlink", "", "", "404 "},
+            {"GET /a.txt?action=rename&to=" + decomposed + "&replace=1", "", "", "200 {\"hc\":200}"},
+            {"GET /" + decomposed + "?action=create&mode=33188", "", "", "204 "},
+            {"GET /" + decomposed + "?action=mkdir", "", "", "200 {\"hc\":409}"},
+            {"GET /" + decomposed + "?action=unlink", "", "", "204 "},
+            {"GET /m?action=rmdir", "", "", "204 "},
     };
     ask("GET /");
     const std::size_t before = openDescriptors();
     for (const auto& row : rows) {
         const std::string reply = ask(row.request, row.headers, row.body);
-        EXPECT_TRUE(row.reply.ends_with(",") ? reply.starts_with(row.reply) : reply == row.reply)
-            << row.request.substr(0, 80) << "\n"
-            << reply;
+        EXPECT_TRUE(row.reply.ends_with(",") ? reply.starts_with(row.reply) : reply == row.reply) << row.request.substr(0, 80) << "\n" << reply;
     }
     EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; })) << openDescriptors() << " " << before;
     EXPECT_EQ(fileText(scratch + "/outside/secret"), "content of /outside/secret");
@@ -228,17 +220,14 @@ TEST_F(StorageTest, ListsWhatCanBeNamed) {
     const std::string listing = ask("GET /");
     EXPECT_NE(listing.find("\"n\":\"\\\"q\\\\\\u000a\"}"), std::string::npos) << listing;
     EXPECT_NE(listing.find("\"n\":\"link\""), std::string::npos);
-    for (const char* hidden : {"bad", "\"out\"", "absolute", "loop", "\"..\""}) {
-        EXPECT_EQ(listing.find(hidden), std::string::npos) << hidden;
-    }
+    for (const char* hidden : {"bad", "\"out\"", "absolute", "loop", "\"..\""}) { EXPECT_EQ(listing.find(hidden), std::string::npos) << hidden; }
     EXPECT_EQ(fileText(scratch + "/server.err"), "kelvane_storage: /: left out 1 name(s) that are not UTF-8\n");
     struct stat st;
     ASSERT_EQ(stat((tree + "/d").c_str(), &st), 0);
-    EXPECT_EQ(ask("GET /d?action=props"),
-              "200 {\"s\":" + std::to_string(st.st_size) + ",\"b\":" + std::to_string(st.st_blocks) +
-                  ",\"m\":" + std::to_string(st.st_mode) + ",\"nl\":" + std::to_string(st.st_nlink) +
-                  ",\"at\":" + std::to_string(st.st_atime) + ",\"mt\":" + std::to_string(st.st_mtime) +
-                  ",\"ct\":" + std::to_string(st.st_ctime) + "}");
+    EXPECT_EQ(ask("GET /d?action=props"), "200 {\"s\":" + std::to_string(st.st_size) + ",\"b\":" + std::to_string(st.st_blocks) +
+                                                  ",\"m\":" + std::to_string(st.st_mode) + ",\"nl\":" + std::to_string(st.st_nlink) +
+                                                  ",\"at\":" + std::to_string(st.st_atime) + ",\"mt\":" + std::to_string(st.st_mtime) +
+                                                  ",\"ct\":" + std::to_string(st.st_ctime) + "}");
     const std::string volume = ask("GET /?action=statvfs");
     for (const char* key : {"bsize", "frsize", "blocks", "bfree", "bavail", "namemax"}) {
         EXPECT_NE(volume.find("\"" + std::string(key) + "\":"), std::string::npos) << volume;
@@ -249,8 +238,7 @@ TEST_F(StorageTest, ReadOnlyRefusesEveryChange) {
     serve({"--read-only", "--threads", "1", "--prefix", "/base"});
     EXPECT_EQ(ask("GET /base%2Fa.txt"), "200 content of /tree/a.txt");
     EXPECT_EQ(ask("PUT /base%2Fa.txt?action=write&flags=1&offset=0", "", "x"), "403 ");
-    for (const char* query :
-         {"create&mode=1", "truncate&offset=0", "mkdir", "unlink", "rmdir", "rename&to=b&replace=1"}) {
+    for (const char* query : {"create&mode=1", "truncate&offset=0", "mkdir", "unlink", "rmdir", "rename&to=b&replace=1"}) {
         EXPECT_EQ(ask("GET /base/a.txt?action=" + std::string(query)), "403 ") << query;
     }
     EXPECT_EQ(fileText(tree + "/a.txt"), "content of /tree/a.txt");
@@ -267,8 +255,7 @@ TEST_F(StorageTest, SurvivesRudeClients) {
     talk(port, "GET / HTTP/1.1\r\nX: " + std::string(1 << 18, 'x') + "\r\n\r\n");
     talk(port, std::string(1000, '\0'));
     talk(port, "half a requ", 50, true);
-    const std::string two =
-        talk(port, "GET /d/in HTTP/1.1\r\nHost: x\r\n\r\nGET /d/in HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
+    const std::string two = talk(port, "GET /d/in HTTP/1.1\r\nHost: x\r\n\r\nGET /d/in HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n");
     EXPECT_NE(two.find("content of", two.find("content of") + 1), std::string::npos) << two;
     // Served from the open directory, also when its name goes.
     std::filesystem::rename(tree, scratch + "/moved");
@@ -281,15 +268,15 @@ TEST_F(StorageTest, CommandLine) {
         int status;
         std::string output;
     } rows[] = {
-        {"", 2, "usage: "},
-        {"--port 70000 /tmp", 2, "usage: "},
-        {"--threads 0 /tmp", 2, "usage: "},
-        {"--tls-cert x /tmp", 2, "usage: "},
-        {"--prefix x /tmp", 2, "usage: "},
-        {"--help", 0, "usage: "},
-        {"/none/such", 1, "kelvane_storage: /none/such: No such file or directory\n"},
-        {"--tls-cert /none --tls-key /none /tmp", 1, "kelvane_storage: cannot read the certificate"},
-        {"--listen 'not an address' /tmp", 1, "kelvane_storage: no such address"},
+            {"", 2, "usage: "},
+            {"--port 70000 /tmp", 2, "usage: "},
+            {"--threads 0 /tmp", 2, "usage: "},
+            {"--tls-cert x /tmp", 2, "usage: "},
+            {"--prefix x /tmp", 2, "usage: "},
+            {"--help", 0, "usage: "},
+            {"/none/such", 1, "kelvane_storage: /none/such: No such file or directory\n"},
+            {"--tls-cert /none --tls-key /none /tmp", 1, "kelvane_storage: cannot read the certificate"},
+            {"--listen 'not an address' /tmp", 1, "kelvane_storage: no such address"},
     };
     for (const auto& row : rows) {
         std::string output;
