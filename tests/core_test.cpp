@@ -356,17 +356,6 @@ TEST_F(CacheTest, FetchesAttributes) {
     EXPECT_EQ(st.st_atime * 10000 + st.st_mtime * 100 + st.st_ctime, 112233);
 }
 
-TEST_F(CacheTest, MissingMembersAbort) {
-    for (const char* body : {"{}", "[]", "{\"entries\":[{\"n\":\"x\"}]}"}) {
-        script("GET /", 200, body);
-        EXPECT_EXIT(DirGetEntry("/x"), testing::KilledBySignal(SIGABRT), "") << body;
-    }
-    struct stat st = {};
-    EXPECT_EXIT(DirParseRemoteAttr("{\"s\":1}", &st), testing::KilledBySignal(SIGABRT), "");
-    script("GET /?action=statvfs", 200, "{\"bsize\":1}");
-    EXPECT_EXIT(DirGetVFS(), testing::KilledBySignal(SIGABRT), "");
-}
-
 TEST_F(CacheTest, VolumeStatistics) {
     const std::string rest = ",\"blocks\":9000000000,\"bfree\":-1,\"bavail\":6,\"namemax\":";
     script("GET /?action=statvfs", 503, "{}");
