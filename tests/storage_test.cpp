@@ -2,12 +2,14 @@
 #include "tests/processes.h"
 #include "tests/scripted_service.h"
 
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -48,9 +50,10 @@ struct StorageTest : testing::Test {
         command.push_back(tree);
         server = startProcess(command, scratch + "/server");
         ASSERT_TRUE(eventually([&] { return fileText(scratch + "/server.out").ends_with("\n"); }));
-        const std::string url = fileText(scratch + "/server.out");
-        port = static_cast<std::uint16_t>(std::stoul(url.substr(url.rfind(':') + 1)));
+        port = portOf(fileText(scratch + "/server.out"));
     }
+
+    static std::uint16_t portOf(const std::string& url) { return static_cast<std::uint16_t>(std::stoul(url.substr(url.rfind(':') + 1))); }
 
     // Sends a request and gives back its status and body, "204 " or "200 text".
     std::string ask(const std::string& request, const std::string& headers = "", const std::string& body = "") const {
@@ -260,6 +263,40 @@ TEST_F(StorageTest, SurvivesRudeClients) {
     // Served from the open directory, also when its name goes.
     std::filesystem::rename(tree, scratch + "/moved");
     EXPECT_EQ(ask("GET /d/in"), "200 content of /tree/d/in");
+}
+
+TEST_F(StorageTest, GoesOnAfterShortages) {
+    ASSERT_EQ(runShell("mount -t tmpfs -o size=64k none " + tree + "/full"), 0);
+    server = startProcess({"/usr/bin/prlimit", "--nofile=60:60", KELVANE_STORAGE, "--threads", "2", tree}, scratch + "/server");
+    ASSERT_TRUE(eventually([&] { return fileText(scratch + "/server.out").ends_with("\n"); }));
+    port = portOf(fileText(scratch + "/server.out"));
+    EXPECT_EQ(ask("GET /full/f?action=create&mode=33188"), "204 ");
+    EXPECT_EQ(ask("PUT /full/f?action=write&flags=1&offset=0", "", std::string(100000, 'x')), "507 ");
+    EXPECT_EQ(ask("PUT /full/f?action=write&flags=1&offset=0", "", "fits").substr(0, 4), "200 ");
+    // More connections than it has descriptors, half of them with half a request.
+    std::vector<std::thread> clients;
+    for (int i = 0; i < 200; ++i) {
+        clients.emplace_back([&, i] { talk(port, i % 2 == 0 ? "GET /a.t" : "", 300); });
+    }
+    for (std::thread& client : clients) { client.join(); }
+    EXPECT_EQ(ask("GET /a.txt"), "200 content of /tree/a.txt");
+    EXPECT_EQ(runShell("umount " + tree + "/full"), 0);
+}
+
+TEST_F(StorageTest, NeverFollowsALinkThatIsBeingChanged) {
+    serve();
+    std::atomic<bool> stop{false};
+    std::thread changer([&] {
+        for (int i = 0; !stop; ++i) {
+            std::filesystem::create_symlink(i % 2 == 0 ? "../outside" : "d", tree + "/next");
+            std::filesystem::rename(tree + "/next", tree + "/switch");
+        }
+    });
+    std::map<std::string, int> replies;
+    for (int i = 0; i < 600; ++i) { ++replies[ask(i % 2 == 0 ? "GET /switch/in" : "GET /switch/secret")]; }
+    stop = true;
+    changer.join();
+    for (const auto& [reply, times] : replies) { EXPECT_TRUE(reply == "404 " || reply == "200 content of /tree/d/in") << reply << times; }
 }
 
 TEST_F(StorageTest, CommandLine) {
