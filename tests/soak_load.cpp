@@ -35,28 +35,26 @@ void fault(Worker& worker, const std::string& what) {
     std::fprintf(stderr, "soak_load %d: %s: %s\n", getpid(), what.c_str(), std::strerror(errno));
 }
 
-// Runs one call and notes how long it took.
-template <typename Call> auto timed(Worker& worker, const char* name, Call call) {
+// Runs one call and notes how long it took; a result other than the expected one is a fault.
+template <typename Call, typename Result> void must(Worker& worker, const std::string& name, Result expected, Call call) {
     const auto begin = std::chrono::steady_clock::now();
-    const auto result = call();
+    const bool asExpected = call() == expected;
     const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
     ++worker.calls;
     worker.slowest = std::max(worker.slowest, seconds);
-    if (seconds > worker.limit) {
-        fault(worker, std::string(name) + " took too long");
+    if (!asExpected || seconds > worker.limit) {
+        fault(worker, name + (asExpected ? ": too slow" : ""));
     }
-    return result;
 }
 
 // The name of file number `number`, in one of its two spellings.
-std::string nameOf(Worker& worker, int number) { return std::string(spellings[number % 4][worker.random() % 2]) + std::to_string(number); }
+std::string nameOf(Worker& worker, int number) { return "/" + std::string(spellings[number % 4][worker.random() % 2]) + std::to_string(number); }
 
 bool readWhole(const std::string& name, std::string& text) {
     const int file = open(name.c_str(), O_RDONLY);
     char area[65536];
     ssize_t count = 0;
-    text.clear();
-    while (file >= 0 && (count = read(file, area, sizeof area)) > 0) { text.append(area, count); }
+    for (text.clear(); file >= 0 && (count = read(file, area, sizeof area)) > 0;) { text.append(area, count); }
     close(file);
     return file >= 0 && count == 0;
 }
@@ -77,89 +75,64 @@ long listFolder(const std::string& name) {
 // One step in the own folder, where everything has to succeed.
 void ownStep(Worker& worker) {
     const int number = static_cast<int>(worker.random() % 12);
-    const std::string name = worker.own + "/" + nameOf(worker, number);
+    const int target = (number + 1) % 12;
+    const std::string name = worker.own + nameOf(worker, number);
     const bool exists = worker.contents.contains(number);
     std::string text(worker.random() % 4 == 0 ? worker.random() % 400000 : worker.random() % 5000, static_cast<char>('a' + worker.random() % 26));
     struct stat st = {};
     struct statvfs volume = {};
-    switch (worker.random() % 8) {
+    switch (exists ? worker.random() % 8 : worker.random() % 4) {
     case 0:
-    case 1:
-        if (!timed(worker, "write", [&] { return writeAt(name, O_CREAT | O_TRUNC, text); })) {
-            fault(worker, "write " + name);
-        }
+        must(worker, "write " + name, true, [&] { return writeAt(name, O_CREAT | O_TRUNC, text); });
         worker.contents[number] = text;
         break;
+    case 1:
+        must(worker, "list " + worker.own, static_cast<long>(worker.contents.size()), [&] { return listFolder(worker.own); });
+        break;
     case 2:
-        if (exists && !timed(worker, "append", [&] { return writeAt(name, O_APPEND, text); })) {
-            fault(worker, "append " + name);
-        }
-        if (exists) {
-            worker.contents[number] += text;
-        }
+        must(worker, "statvfs", 0, [&] { return statvfs(worker.own.c_str(), &volume); });
         break;
     case 3:
-        if (exists && (!timed(worker, "read", [&] { return readWhole(name, text); }) || text != worker.contents[number])) {
-            fault(worker, "read " + name);
-        }
-        break;
-    case 4:
-        if (timed(worker, "stat", [&] { return stat(name.c_str(), &st) == 0; }) != exists ||
-                (exists && st.st_size != static_cast<off_t>(worker.contents[number].size()))) {
-            fault(worker, "stat " + name);
-        }
-        break;
-    case 5: {
-        const int target = (number + 1) % 12;
-        if (exists && !timed(worker, "rename", [&] { return rename(name.c_str(), (worker.own + "/" + nameOf(worker, target)).c_str()) == 0; })) {
-            fault(worker, "rename " + name);
-        }
-        if (exists) {
-            worker.contents[target] = worker.contents.extract(number).mapped();
-        }
-        break;
-    }
-    case 6:
-        if (timed(worker, "unlink", [&] { return unlink(name.c_str()) == 0; }) != exists) {
-            fault(worker, "unlink " + name);
-        }
+        must(worker, "unlink " + name, exists, [&] { return unlink(name.c_str()) == 0; });
         worker.contents.erase(number);
         break;
+    case 4:
+        must(worker, "append " + name, true, [&] { return writeAt(name, O_APPEND, text); });
+        worker.contents[number] += text;
+        break;
+    case 5:
+        must(worker, "read " + name, true, [&] { return readWhole(name, text) && text == worker.contents[number]; });
+        break;
+    case 6:
+        must(worker, "stat " + name, static_cast<off_t>(worker.contents[number].size()), [&] { return stat(name.c_str(), &st) == 0 ? st.st_size : -1; });
+        break;
     default:
-        if (timed(worker, "list", [&] { return listFolder(worker.own); }) != static_cast<long>(worker.contents.size())) {
-            fault(worker, "list " + worker.own);
-        }
-        if (timed(worker, "statvfs", [&] { return statvfs(worker.own.c_str(), &volume); }) != 0) {
-            fault(worker, "statvfs");
-        }
+        must(worker, "rename " + name, 0, [&] { return rename(name.c_str(), (worker.own + nameOf(worker, target)).c_str()); });
+        worker.contents[target] = worker.contents.extract(number).mapped();
     }
 }
 
 // One step in the shared folder: others change the same names, so only time is judged.
 void sharedStep(Worker& worker) {
-    const int number = static_cast<int>(worker.random() % 6);
-    const std::string name = worker.shared + "/" + nameOf(worker, number);
+    const std::string name = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6));
+    const std::string other = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6));
     std::string text = "shared";
-    struct stat st = {};
-    switch (worker.random() % 6) {
-    case 0:
-        timed(worker, "write", [&] { return writeAt(name, O_CREAT, text); });
-        break;
-    case 1:
-        timed(worker, "read", [&] { return readWhole(name, text); });
-        break;
-    case 2:
-        timed(worker, "rename", [&] { return rename(name.c_str(), (worker.shared + "/" + nameOf(worker, number + 1)).c_str()); });
-        break;
-    case 3:
-        timed(worker, "unlink", [&] { return unlink(name.c_str()); });
-        break;
-    case 4:
-        timed(worker, "mkdir", [&] { return mkdir((name + "-dir").c_str(), 0755) + rmdir((name + "-dir").c_str()); });
-        break;
-    default:
-        timed(worker, "list", [&] { return listFolder(worker.shared) + stat(name.c_str(), &st); });
-    }
+    must(worker, "shared " + name, true, [&] {
+        switch (worker.random() % 6) {
+        case 0:
+            return writeAt(name, O_CREAT, text) || true;
+        case 1:
+            return readWhole(name, text) || true;
+        case 2:
+            return rename(name.c_str(), other.c_str()) <= 0;
+        case 3:
+            return unlink(name.c_str()) <= 0;
+        case 4:
+            return mkdir((name + "-dir").c_str(), 0755) + rmdir((other + "-dir").c_str()) <= 0;
+        default:
+            return listFolder(worker.shared) >= -1;
+        }
+    });
 }
 
 // What the server holds of this worker's files, in whichever spelling, against what the worker wrote last.
