@@ -2,6 +2,7 @@
 #include "storage/service.h"
 #include "storage/tree.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <charconv>
@@ -10,13 +11,16 @@
 #include <cstring>
 #include <fstream>
 #include <getopt.h>
-#include <iterator>
 #include <netdb.h>
+#include <sstream>
 #include <sys/resource.h>
 
 namespace {
 
 constexpr unsigned mostThreads = 256;
+constexpr rlim_t ownDescriptors = 32;
+constexpr rlim_t fewestConnections = 8;
+constexpr rlim_t mostConnections = 16384;
 
 struct Arguments {
     std::string listen = "127.0.0.1";
@@ -47,6 +51,12 @@ bool parseCount(const char* text, unsigned most, unsigned& count) {
     return error == std::errc() && stop == end && stop != text && count <= most;
 }
 
+// What may stand in a URL's path as it is.
+bool isPlain(const std::string& prefix) {
+    return std::all_of(prefix.begin(), prefix.end(),
+                       [](char c) { return c > ' ' && c < 0x7f && c != '?' && c != '#'; });
+}
+
 // -1 to go on, else the exit status.
 int parseArguments(int argc, char* argv[], Arguments& arguments) {
     const option options[] = {
@@ -72,8 +82,7 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             break;
         case 'x':
             service.prefix = optarg;
-            valid =
-                valid && service.prefix.starts_with('/') && service.prefix.find_first_of("?# ") == std::string::npos;
+            valid = valid && service.prefix.starts_with('/') && isPlain(service.prefix);
             break;
         case 'r':
             service.readOnly = true;
@@ -100,10 +109,13 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
     return -1;
 }
 
+// False when there is nothing to read: an empty certificate must not turn into a service without TLS.
 bool readFile(const std::string& name, std::string& text) {
     std::ifstream file(name, std::ios::binary);
-    text.assign(std::istreambuf_iterator<char>(file), {});
-    return file.good() || file.eof();
+    std::ostringstream content;
+    content << file.rdbuf();
+    text = content.str();
+    return !text.empty();
 }
 
 bool resolveAddress(const Arguments& arguments, sockaddr_storage& address) {
@@ -136,13 +148,17 @@ std::string baseUrl(const Arguments& arguments, const sockaddr_storage& address,
            arguments.service.prefix;
 }
 
-// Thousands of connections need more descriptors than the usual soft limit.
-void raiseDescriptorLimit() {
+// Thousands of connections need more descriptors than the usual soft limit. Returns how many connections the limit
+// leaves room for when each of them opens a file or two.
+unsigned raiseDescriptorLimit() {
     rlimit limit = {};
-    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
-        setrlimit(RLIMIT_NOFILE, &limit);
+    if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+        return fewestConnections;
     }
+    limit.rlim_cur = limit.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &limit);
+    const rlim_t room = limit.rlim_cur > ownDescriptors ? (limit.rlim_cur - ownDescriptors) / 3 : 0;
+    return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
 } // namespace
@@ -164,7 +180,7 @@ int main(int argc, char* argv[]) {
     if (!resolveAddress(arguments, address)) {
         return complain("no such address: " + arguments.listen);
     }
-    raiseDescriptorLimit();
+    service.connections = raiseDescriptorLimit();
 
     // Blocked before the service's threads are made, so that the signals wait for sigwait below.
     sigset_t stopping;
@@ -173,8 +189,12 @@ int main(int argc, char* argv[]) {
     sigaddset(&stopping, SIGTERM);
     pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow further is a refused request
 
     MHD_Daemon* daemon = startService(service, reinterpret_cast<const sockaddr*>(&address));
+    if (daemon == nullptr && !service.certificate.empty() && errno != EADDRINUSE) {
+        return complain("cannot serve: the certificate or its key is not usable, or the port is not to be had");
+    }
     if (daemon == nullptr) {
         return complain("cannot serve on " + arguments.listen + " port " + std::to_string(arguments.port) + ": " +
                         std::strerror(errno));

@@ -127,7 +127,9 @@ int listingObject(int descriptor, const std::string& path, std::string& listing)
     listing += "]}";
     closedir(directory);
     if (leftOut != 0) {
-        std::fprintf(stderr, "kelvane_storage: /%s: left out %u name(s) that are not UTF-8\n", path.c_str(), leftOut);
+        std::string shown;
+        appendString(shown, ("/" + path).c_str());
+        std::fprintf(stderr, "kelvane_storage: %s: left out %u name(s) that are not UTF-8\n", shown.c_str(), leftOut);
     }
     return -error;
 }

@@ -4,14 +4,11 @@
 #include "storage/target.h"
 #include "storage/tree.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <unistd.h>
 
 namespace {
@@ -19,7 +16,6 @@ namespace {
 constexpr std::uint64_t largestUpload = 1 << 20;
 constexpr std::uint64_t largestCopiedReply = 1 << 18;
 constexpr std::size_t connectionMemory = 192UL * 1024;
-constexpr unsigned connectionLimit = 16384;
 constexpr unsigned listenBacklog = 1024;
 
 // Longer than a libcurl client keeps an unused connection, so that none is closed under a client about to use
@@ -138,6 +134,35 @@ MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) 
     return bytes != nullptr ? MHD_create_response_from_buffer(count, bytes, MHD_RESPMEM_MUST_FREE) : nullptr;
 }
 
+// A long body, read as it is sent. The library's own sendfile would wait without end for a file that somebody has cut
+// short; here the reply breaks off instead.
+struct Stream {
+    int file;
+    std::uint64_t first;
+};
+
+ssize_t readStream(void* context, std::uint64_t position, char* area, std::size_t size) {
+    const auto* stream = static_cast<const Stream*>(context);
+    const ssize_t count = pread(stream->file, area, size, static_cast<off_t>(stream->first + position));
+    return count > 0 ? count : MHD_CONTENT_READER_END_WITH_ERROR;
+}
+
+void endStream(void* context) {
+    auto* stream = static_cast<Stream*>(context);
+    close(stream->file);
+    delete stream;
+}
+
+MHD_Response* streamedBody(int file, const Range& range) {
+    auto* stream = new Stream{file, range.first};
+    MHD_Response* response =
+        MHD_create_response_from_callback(range.length, largestCopiedReply, readStream, stream, endStream);
+    if (response == nullptr) {
+        endStream(stream);
+    }
+    return response;
+}
+
 MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
     const char* header = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
     Range range = {};
@@ -149,10 +174,7 @@ MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
     } else if (range.length <= largestCopiedReply) {
         response = copiedBody(file, range.first, range.length);
     } else {
-        response = MHD_create_response_from_fd_at_offset64(range.length, file, range.first);
-        if (response == nullptr) {
-            close(file);
-        }
+        response = streamedBody(file, range);
     }
     if (response == nullptr) {
         return sendStatus(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
@@ -175,11 +197,18 @@ MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
 
 // A plain read: the listing of a directory, the content of a file.
 MHD_Result sendContent(MHD_Connection* connection, const std::string& path) {
+    // Looked at before it is opened, because opening a pipe or a device does something to it.
+    struct stat st;
+    if (const int result = statInTree(path, st); result != 0) {
+        return sendStatus(connection, statusOf(result));
+    }
+    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
+        return sendStatus(connection, MHD_HTTP_FORBIDDEN);
+    }
     const int descriptor = openInTree(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0) {
         return sendStatus(connection, statusOf(descriptor));
     }
-    struct stat st;
     if (fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode)) {
         return sendFile(connection, descriptor, st.st_size);
     }
@@ -376,13 +405,12 @@ MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address)
     if (service.threads < 2) {
         pool[0] = {MHD_OPTION_END, 0, nullptr};
     }
-    return MHD_start_daemon(flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_SOCK_ADDR, address,
-                            MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
-                            onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr,
-                            MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_CONNECTION_LIMIT,
-                            connectionLimit, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE,
-                            listenBacklog, MHD_OPTION_LISTENING_ADDRESS_REUSE, 1U, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1,
-                            MHD_OPTION_ARRAY, pool, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
+    return MHD_start_daemon(
+        flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_SOCK_ADDR, address, MHD_OPTION_URI_LOG_CALLBACK,
+        onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED, onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK,
+        keepEncoding, nullptr, MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_CONNECTION_LIMIT,
+        service.connections, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE, listenBacklog,
+        MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, pool, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
 }
 
 std::uint16_t servicePort(MHD_Daemon* daemon) {

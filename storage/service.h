@@ -11,7 +11,8 @@ struct ServiceOptions {
     std::string prefix = "/"; // what every path begins with
     bool readOnly = false;
     unsigned threads = 4;
-    std::string certificate; // PEM texts; both empty without TLS
+    unsigned connections = 8; // at most, at once
+    std::string certificate;  // PEM texts; both empty without TLS
     std::string key;
 };
 

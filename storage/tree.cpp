@@ -1,5 +1,6 @@
 #include "storage/tree.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -139,8 +140,8 @@ int statInTree(const std::string& path, struct stat& st) {
 }
 
 int createInTree(const std::string& path, unsigned mode) {
-    if (path.empty()) {
-        return -EPERM;
+    if (path.empty() || !isUtf8(path.c_str())) {
+        return path.empty() ? -EPERM : -EINVAL;
     }
     const int descriptor =
         openBeneath(storedSpelling(path), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, mode & permissionBits);
@@ -152,6 +153,9 @@ int createInTree(const std::string& path, unsigned mode) {
 }
 
 int makeDirectoryInTree(const std::string& path) {
+    if (!isUtf8(path.c_str())) {
+        return -EINVAL;
+    }
     std::string name;
     const int parent = openParent(storedSpelling(path), name);
     if (parent < 0) {
@@ -171,6 +175,9 @@ int removeDirectoryInTree(const std::string& path) {
 }
 
 int renameInTree(const std::string& from, const std::string& to, bool replace) {
+    if (!isUtf8(to.c_str())) {
+        return -EINVAL;
+    }
     const std::string source = storedSpelling(from);
     if (const int there = probe(source, 0); there != 0) {
         return there;
@@ -193,6 +200,8 @@ int renameInTree(const std::string& from, const std::string& to, bool replace) {
                            replace ? 0 : RENAME_NOREPLACE) == 0
                      ? 0
                      : -errno;
+        // Both parents are directories, so what is not one is a file in the way of a directory.
+        result = result == -ENOTDIR ? -EEXIST : result;
         close(destinationParent);
     }
     close(sourceParent);

@@ -17,6 +17,8 @@ int openInTree(const std::string& path, std::uint64_t flags);
 // Attributes of what `path` leads to.
 int statInTree(const std::string& path, struct stat& st);
 
+// Names that are not UTF-8 would never be listed, so none is made.
+
 // Makes a regular file with the permission bits of `mode` unless it is there already.
 int createInTree(const std::string& path, unsigned mode);
 

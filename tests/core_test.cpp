@@ -7,6 +7,7 @@
 #include "kelvane_vfs/protocol.h"
 #include "tests/cache_fixture.h"
 
+#include <atomic>
 #include <cstring>
 #include <fcntl.h>
 #include <future>
@@ -243,7 +244,9 @@ TEST_F(CacheTest, ListsAndWalks) {
     // A failed read leaves one level of the lock with this thread; a listing elsewhere still succeeds on it.
     EXPECT_EQ(DirRead("/file", &names, countEntries), 0);
     EXPECT_EQ(DirRead("/none", &names, countEntries), 0);
-    auto elsewhere = std::async(std::launch::async, [] { return DirGetEntry("/file"); });
+    std::atomic<bool> started{false};
+    auto elsewhere = std::async(std::launch::async, [&] { return started = true, DirGetEntry("/file"); });
+    while (!started) { std::this_thread::yield(); }
     EXPECT_EQ(elsewhere.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
     DirUnlock();
     DirUnlock();

@@ -176,14 +176,23 @@ std::string element(const std::string& name, int type, long long size, unsigned 
     return "{\"n\":\"" + name + "\",\"t\":" + std::to_string(type) + "," + attributesJson(size, mode != 0 ? mode : type == 4 ? 040755 : 0100644).substr(1);
 }
 
-std::string talk(std::uint16_t port, const std::string& text, int milliseconds, bool finish) {
+int connectTo(std::uint16_t port) {
     const int connection = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_port = htons(port);
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    std::string data;
     if (connect(connection, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+        return connection;
+    }
+    close(connection);
+    return -1;
+}
+
+std::string talk(std::uint16_t port, const std::string& text, int milliseconds, bool finish) {
+    const int connection = connectTo(port);
+    std::string data;
+    if (connection >= 0) {
         sendAll(connection, text, 0);
         if (finish) {
             shutdown(connection, SHUT_WR);

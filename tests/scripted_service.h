@@ -47,6 +47,9 @@ std::string attributesJson(long long size, unsigned mode);
 std::string listingJson(const std::vector<std::string>& elements);
 std::string element(const std::string& name, int type, long long size = 0, unsigned mode = 0);
 
+// A connection to a loopback port, or -1.
+int connectTo(std::uint16_t port);
+
 // Sends `text` to a loopback port and returns everything that comes back until the other side closes or
 // `milliseconds` pass without a byte; half of the connection is shut down after sending if `finish` says so.
 std::string talk(std::uint16_t port, const std::string& text, int milliseconds = 2000, bool finish = false);

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
 #include <unistd.h>
@@ -193,6 +193,8 @@ TEST_F(StorageTest, AnswersEveryRequest) {
             {"GET /new?action=rename&to=a.txt", "", "", "200 {\"hc\":409}"},
             {"GET /new?action=rename&to=m&replace=1", "", "", "200 {\"hc\":409}"},
             {"GET /d?action=rename&to=full&replace=1", "", "", "200 {\"hc\":409}"},
+            {"GET /d?action=rename&to=a.txt&replace=1", "", "", "200 {\"hc\":409}"},
+            {"GET /%FF?action=create&mode=33188", "", "", "400 "},
             {"GET /d?action=rename&to=d%2Fbelow&replace=1", "", "", "400 "},
             {"GET /new?action=rename&to=out&replace=1", "", "", "200 {\"hc\":409}"},
             {"GET /out?action=unlink", "", "", "404 "},
@@ -224,7 +226,7 @@ TEST_F(StorageTest, ListsWhatCanBeNamed) {
     EXPECT_NE(listing.find("\"n\":\"\\\"q\\\\\\u000a\"}"), std::string::npos) << listing;
     EXPECT_NE(listing.find("\"n\":\"link\""), std::string::npos);
     for (const char* hidden : {"bad", "\"out\"", "absolute", "loop", "\"..\""}) { EXPECT_EQ(listing.find(hidden), std::string::npos) << hidden; }
-    EXPECT_EQ(fileText(scratch + "/server.err"), "kelvane_storage: /: left out 1 name(s) that are not UTF-8\n");
+    EXPECT_EQ(fileText(scratch + "/server.err"), "kelvane_storage: \"/\": left out 1 name(s) that are not UTF-8\n");
     struct stat st;
     ASSERT_EQ(stat((tree + "/d").c_str(), &st), 0);
     EXPECT_EQ(ask("GET /d?action=props"), "200 {\"s\":" + std::to_string(st.st_size) + ",\"b\":" + std::to_string(st.st_blocks) +
@@ -250,7 +252,7 @@ TEST_F(StorageTest, ReadOnlyRefusesEveryChange) {
 TEST_F(StorageTest, SurvivesRudeClients) {
     serve({"--listen", "localhost"});
     const std::string put = "PUT /a.txt?action=write&flags=1&offset=0 HTTP/1.1\r\nHost: x\r\nContent-Length: 100\r\n";
-    EXPECT_TRUE(talk(port, put + "Expect: 100-continue\r\n\r\n", 100).starts_with("HTTP/1.1 100 "));
+    EXPECT_TRUE(talk(port, put + "Expect: 100-continue\r\n\r\n", 1000).starts_with("HTTP/1.1 100 "));
     // A client that vanishes in the middle leaves what arrived, and nothing else changed.
     talk(port, put + "\r\nhalf", 100, true);
     EXPECT_TRUE(eventually([&] { return fileText(tree + "/a.txt") == "halfent of /tree/a.txt"; }));
@@ -267,12 +269,16 @@ TEST_F(StorageTest, SurvivesRudeClients) {
 
 TEST_F(StorageTest, GoesOnAfterShortages) {
     ASSERT_EQ(runShell("mount -t tmpfs -o size=64k none " + tree + "/full"), 0);
-    server = startProcess({"/usr/bin/prlimit", "--nofile=60:60", KELVANE_STORAGE, "--threads", "2", tree}, scratch + "/server");
+    server = startProcess({"/usr/bin/prlimit", "--nofile=60:60", "--fsize=150000:150000", KELVANE_STORAGE, "--threads", "2", tree}, scratch + "/server");
     ASSERT_TRUE(eventually([&] { return fileText(scratch + "/server.out").ends_with("\n"); }));
     port = portOf(fileText(scratch + "/server.out"));
     EXPECT_EQ(ask("GET /full/f?action=create&mode=33188"), "204 ");
     EXPECT_EQ(ask("PUT /full/f?action=write&flags=1&offset=0", "", std::string(100000, 'x')), "507 ");
     EXPECT_EQ(ask("PUT /full/f?action=write&flags=1&offset=0", "", "fits").substr(0, 4), "200 ");
+    EXPECT_EQ(ask("GET /a.txt?action=truncate&offset=150001"), "507 ");
+    std::string second;
+    EXPECT_EQ(runShell(std::string(KELVANE_STORAGE) + " --port " + std::to_string(port) + " " + tree, &second, 20), 1);
+    EXPECT_NE(second.find("Address already in use"), std::string::npos) << second;
     // More connections than it has descriptors, half of them with half a request.
     std::vector<std::thread> clients;
     for (int i = 0; i < 200; ++i) {
@@ -299,6 +305,20 @@ TEST_F(StorageTest, NeverFollowsALinkThatIsBeingChanged) {
     for (const auto& [reply, times] : replies) { EXPECT_TRUE(reply == "404 " || reply == "200 content of /tree/d/in") << reply << times; }
 }
 
+TEST_F(StorageTest, BreaksOffWhenAFileIsCutShort) {
+    std::filesystem::resize_file(tree + "/a.txt", 64 << 20);
+    serve();
+    const int connection = connectTo(port);
+    send(connection, "GET /a.txt HTTP/1.1\r\nHost: x\r\n\r\n", 32, 0);
+    char area[65536];
+    EXPECT_GT(recv(connection, area, sizeof area, 0), 0);
+    std::filesystem::resize_file(tree + "/a.txt", 0);
+    std::size_t total = 0;
+    for (ssize_t count = 0; (count = recv(connection, area, sizeof area, 0)) > 0;) { total += count; }
+    close(connection);
+    EXPECT_LT(total, 64U << 20);
+}
+
 TEST_F(StorageTest, CommandLine) {
     const struct {
         std::string arguments;
@@ -311,6 +331,8 @@ TEST_F(StorageTest, CommandLine) {
             {"--tls-cert x /tmp", 2, "usage: "},
             {"--prefix x /tmp", 2, "usage: "},
             {"--help", 0, "usage: "},
+            {"--tls-cert /dev/null --tls-key /dev/null /tmp", 1, "kelvane_storage: cannot read the certificate"},
+            {"--port 1 --listen 192.0.2.1 /tmp", 1, "kelvane_storage: cannot serve on 192.0.2.1 port 1: "},
             {"/none/such", 1, "kelvane_storage: /none/such: No such file or directory\n"},
             {"--tls-cert /none --tls-key /none /tmp", 1, "kelvane_storage: cannot read the certificate"},
             {"--listen 'not an address' /tmp", 1, "kelvane_storage: no such address"},
