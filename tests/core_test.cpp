@@ -318,7 +318,7 @@ TEST_F(CacheTest, ListingElements) {
                                    "{\"n\":\"big\",\"t\":8,\"s\":3000000000,\"m\":4294967295,\"at\":-5}", "{\"n\":5,\"t\":8}", "{\"n\":\"\",\"t\":8}",
                                    "{\"n\":\"..\",\"t\":4}", "{\"n\":\"x/y\",\"t\":8}", "7"})));
     DirGetEntry("/a");
-    EXPECT_EQ(namesOf(dirEntryTop), "a,b,big,");
+    EXPECT_EQ(namesOf(dirEntryTop), "a,b,big,,..,x/y,");
     const DirEntry* a = DirEntryFindChild(dirEntryTop, "a");
     const DirEntry* b = DirEntryFindChild(dirEntryTop, "b");
     const DirEntry* big = DirEntryFindChild(dirEntryTop, "big");

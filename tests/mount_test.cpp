@@ -75,11 +75,21 @@ struct MountTest : testing::Test {
         server = 0;
     }
 
+    // The daemon must not care for a proxy in its environment or for signals that its starter blocks.
     pid_t start(const std::string& point, const Options& options = {"-f"}) {
+        setenv("http_proxy", "http://127.0.0.1:9", 1);
+        sigset_t blocked;
+        sigfillset(&blocked);
+        sigdelset(&blocked, SIGINT);
+        sigdelset(&blocked, SIGTERM);
+        sigdelset(&blocked, SIGHUP);
+        pthread_sigmask(SIG_BLOCK, &blocked, nullptr);
         Options command = {program, url, "Documents (storage)"};
         command.insert(command.end(), options.begin(), options.end());
         command.push_back(point);
-        return startProcess(command, point + "-log");
+        const pid_t process = startProcess(command, point + "-log");
+        pthread_sigmask(SIG_UNBLOCK, &blocked, nullptr);
+        return process;
     }
 
     // Starts a daemon in the foreground and waits until its disk answers.

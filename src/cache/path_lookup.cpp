@@ -21,6 +21,11 @@ void dropCache() {
     DirFetchRemoteDir("/", dirEntryTop);
 }
 
+// The kernel takes no such name, and would refuse the whole listing for its sake.
+bool isUnspeakable(const char* name) {
+    return *name == '\0' || std::strchr(name, '/') != nullptr;
+}
+
 void fetchListing(const char* path, DirEntry* dir) {
     ++recordsInUse;
     DirFetchRemoteDir(path, dir);
@@ -114,6 +119,9 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
     }
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
+        if (isUnspeakable(child->name)) {
+            continue;
+        }
         std::printf("CACHE-DirRead: adding: %s\n", child->name);
         filler(buf, child->name, &child->st, 0);
     }

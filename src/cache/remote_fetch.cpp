@@ -5,7 +5,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <unistd.h>
 
 namespace {
@@ -33,12 +32,6 @@ void setOwner(struct stat* st) {
     st->st_gid = getgid();
 }
 
-// A name that no directory can hold: the kernel would refuse the whole listing for its sake.
-bool isImpossibleName(const char* name) {
-    return name == nullptr || *name == '\0' || std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0 ||
-           std::strchr(name, '/') != nullptr;
-}
-
 // Adds the child that one listing element describes. `st` serves all elements of a listing: an attribute that
 // an element leaves out keeps the value of the last element that carried it.
 void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
@@ -53,7 +46,8 @@ void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
         }
     }
     const bool isDirectory = requiredInt(element, "t") == listedDirectory;
-    if (!isImpossibleName(name->valuestring)) {
+    // What is not a string is no name.
+    if (name->valuestring != nullptr) {
         DirEntryAdd(dir, name->valuestring, isDirectory ? directoryType : fileType, &st);
     }
 }

@@ -4,6 +4,9 @@
 #define FUSE_USE_VERSION 26
 #include <fuse.h>
 
+// Called by main, before the loop: makes the main thread ready to be woken up.
+void platformBeforeLoop();
+
 // Called from the init callback, before the first file-system request: remembers the running loop and asks
 // the kernel for write requests of up to 128 KiB.
 void platformLoopStarts(struct fuse_conn_info* conn);

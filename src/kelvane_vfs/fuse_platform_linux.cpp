@@ -37,7 +37,7 @@ bool endLoopOnce(bool& marked) {
             running = fuse_exited(runningLoop) != 0;
         }
         if (running) {
-            pthread_kill(mainThread, SIGUSR1);
+            pthread_kill(mainThread, SIGRTMIN);
         }
     }
     pthread_mutex_unlock(&loopLock);
@@ -45,6 +45,20 @@ bool endLoopOnce(bool& marked) {
 }
 
 } // namespace
+
+// The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
+// SA_RESTART, and let through even if whoever started the daemon blocked it.
+void platformBeforeLoop() {
+    struct sigaction wake = {};
+    wake.sa_handler = wakeUp;
+    sigemptyset(&wake.sa_mask);
+    sigaction(SIGRTMIN, &wake, nullptr);
+
+    sigset_t wakeSignal;
+    sigemptyset(&wakeSignal);
+    sigaddset(&wakeSignal, SIGRTMIN);
+    pthread_sigmask(SIG_UNBLOCK, &wakeSignal, nullptr);
+}
 
 void platformLoopStarts(struct fuse_conn_info* conn) {
     pthread_mutex_lock(&loopLock);
@@ -68,11 +82,6 @@ void platformLoopEnded() {
 // device. Each looks at the mark only between two sleeps, so the signal that interrupts the sleep may come
 // just too early; hence it is sent again and again until the loop is over.
 void fuse_exit_handler_internal_np() {
-    struct sigaction wake = {};
-    wake.sa_handler = wakeUp;
-    sigemptyset(&wake.sa_mask);
-    sigaction(SIGUSR1, &wake, nullptr);
-
     bool marked = false;
     timespec pause = {0, firstPauseNanoseconds};
     while (endLoopOnce(marked)) {

@@ -55,6 +55,13 @@ ReplyBuffer startReply() {
 
 } // namespace
 
+void forgetProxyVariables() {
+    for (const char* name :
+         {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy", "NO_PROXY"}) {
+        unsetenv(name);
+    }
+}
+
 int initLibCurl() {
     curl_global_init(CURL_GLOBAL_ALL);
     return pthread_key_create(&lubcurlKey, cleanupCurlHandle);

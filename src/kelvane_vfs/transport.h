@@ -22,6 +22,10 @@ struct UploadSource {
     std::size_t position;
 };
 
+// Takes the variables that libcurl would look for a proxy in out of the environment: what the daemon does depends on
+// its command line alone. Before any other thread reads the environment.
+void forgetProxyVariables();
+
 // Before the first request; returns the result of creating `lubcurlKey`.
 int initLibCurl();
 
