@@ -310,8 +310,11 @@ TEST_F(MountTest, StopsAtEverySignalInEveryMode) {
             const bool busy = round % 2 == 1;
             pid_t reader = 0;
             if (busy) {
-                reader = startProcess({"/bin/sh", "-c", "while cat " + disk + "/big; do :; done; exec 3<" + disk + "/big"}, scratch + "/reader");
-                ASSERT_TRUE(eventually([&] { return fileText(scratch + "/reader.out").size() > 100000; }));
+                reader = startProcess({"/bin/sh", "-c",
+                                              "cat " + disk + "/big >/dev/null && echo started; exec >/dev/null 2>&1; while cat " + disk +
+                                                      "/big; do :; done; exec 3<" + disk + "/big"},
+                        scratch + "/reader");
+                ASSERT_TRUE(eventually([&] { return fileText(scratch + "/reader.out") == "started\n"; }));
             }
             kill(process, signal);
             ASSERT_EQ(endOf(process), 1) << "round " << round << " background " << background;

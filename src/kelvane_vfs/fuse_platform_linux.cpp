@@ -4,6 +4,8 @@
 
 #include <csignal>
 #include <ctime>
+#include <fcntl.h>
+#include <fuse_lowlevel.h>
 #include <pthread.h>
 
 namespace {
@@ -22,6 +24,15 @@ constexpr long firstPauseNanoseconds = 1'000'000;
 constexpr long longestPauseNanoseconds = 128'000'000;
 
 void wakeUp(int) {}
+
+// With -o auto_unmount a helper unmounts once its socket to this process closes, but only a disk that is dead by then.
+// The kernel lets go of the files of a process that ends in the opposite order of their numbers, so a high number for
+// the FUSE device makes sure that the disk dies first.
+void holdDeviceToTheEnd(struct fuse_session* session) {
+    constexpr int highNumber = 256;
+    const int device = fuse_chan_fd(fuse_session_next_chan(session, nullptr));
+    [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
+}
 
 // Marks the session as ended and interrupts the main thread; false once the loop is over. Both loops of the
 // library clear the exited mark as the last thing they do, so a mark that is gone again means that the
@@ -65,6 +76,7 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
     runningLoop = fuse_get_context()->fuse;
     loopEnded = false;
     pthread_mutex_unlock(&loopLock);
+    holdDeviceToTheEnd(fuse_get_session(fuse_get_context()->fuse));
     conn->want |= conn->capable & FUSE_CAP_BIG_WRITES;
     if (conn->max_write > largestWrite) {
         conn->max_write = largestWrite;
