@@ -384,7 +384,7 @@ std::size_t keepEncoding(void*, MHD_Connection*, char* text) {
 
 MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address) {
     service = options;
-    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_TURBO;
+    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD;
     if (address->sa_family == AF_INET6) {
         flags |= MHD_USE_IPv6;
     }
