@@ -139,12 +139,18 @@ MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) 
 struct Stream {
     int file;
     std::uint64_t first;
+    int socket;
 };
 
 ssize_t readStream(void* context, std::uint64_t position, char* area, std::size_t size) {
     const auto* stream = static_cast<const Stream*>(context);
     const ssize_t count = pread(stream->file, area, size, static_cast<off_t>(stream->first + position));
-    return count > 0 ? count : MHD_CONTENT_READER_END_WITH_ERROR;
+    if (count > 0) {
+        return count;
+    }
+    // The library may leave the connection of a failed body open; the client must not wait for the rest.
+    shutdown(stream->socket, SHUT_RDWR);
+    return MHD_CONTENT_READER_END_WITH_ERROR;
 }
 
 void endStream(void* context) {
@@ -153,8 +159,9 @@ void endStream(void* context) {
     delete stream;
 }
 
-MHD_Response* streamedBody(int file, const Range& range) {
-    auto* stream = new Stream{file, range.first};
+MHD_Response* streamedBody(MHD_Connection* connection, int file, const Range& range) {
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    auto* stream = new Stream{file, range.first, socket};
     MHD_Response* response =
         MHD_create_response_from_callback(range.length, largestCopiedReply, readStream, stream, endStream);
     if (response == nullptr) {
@@ -174,7 +181,7 @@ MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
     } else if (range.length <= largestCopiedReply) {
         response = copiedBody(file, range.first, range.length);
     } else {
-        response = streamedBody(file, range);
+        response = streamedBody(connection, file, range);
     }
     if (response == nullptr) {
         return sendStatus(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
@@ -384,7 +391,7 @@ std::size_t keepEncoding(void*, MHD_Connection*, char* text) {
 
 MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address) {
     service = options;
-    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD;
+    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO;
     if (address->sa_family == AF_INET6) {
         flags |= MHD_USE_IPv6;
     }
