@@ -29,11 +29,9 @@ need_packages() {
         fail "could not install ${missing[*]}"
 }
 
-# Configures and builds a preset; further arguments go to the configuration.
+# Configures and builds a preset.
 build_preset() {
-    local preset=$1
-    shift
-    say "building ($preset)"
-    (cd "$top" && cmake --preset "$preset" "$@" >/dev/null && cmake --build --preset "$preset" -- --quiet) ||
-        fail "the build ($preset) failed"
+    say "building ($1)"
+    (cd "$top" && cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -- --quiet) ||
+        fail "the build ($1) failed"
 }

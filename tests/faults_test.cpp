@@ -2,6 +2,7 @@
 #include "cache/path_lookup.h"
 #include "cache/refresh.h"
 #include "cache/remote_fetch.h"
+#include "kelvane_vfs/operations.h"
 #include "tests/cache_fixture.h"
 
 namespace {
@@ -104,7 +105,7 @@ TEST_F(FaultsTest, Listings) {
             json("half a surrogate pair", named("\\ud800"), End::lives),
             json("invalid UTF-8", named("\xff\xc3"), End::lives, "\xff\xc3,"),
             json("the same name twice", R"({"entries":[{"n":"x","t":8},{"n":"y","t":8},{"n":"x","t":4}]})", End::lives, "y,x,"),
-            json("a long name alone", named(std::string(5000, 'n')), End::lives, std::string(5000, 'n') + ","),
+            json("a long name alone", named(std::string(5000, 'n')), End::lives),
             json("a long name beside others", R"({"entries":[{"n":"x","t":8},{"n":")" + std::string(5000, 'n') + R"(","t":8}]})", End::aborts),
     };
     for (const Fault& fault : faults) {
@@ -144,5 +145,43 @@ TEST_F(FaultsTest, OtherReplies) {
             const struct statvfs* volume = DirGetVFS();
             return volume != nullptr ? std::to_string(volume->f_namemax) : "none";
         });
+    }
+}
+
+// Replies to writes, to make-directory and to reads, each through its callback.
+TEST_F(FaultsTest, RepliesToCallbacks) {
+    list("", {});
+    DirGetEntry("/x");
+    struct fuse_file_info file = {};
+    const std::function<int()> write = [&] { return kelvane_write("/x", "abc", 3, 0, &file); };
+    const std::function<int()> mkdir = [] { return kelvane_mkdir("/x", 0); };
+    const std::function<int()> read = [&] {
+        char area[4];
+        return kelvane_read("/x", area, sizeof area, 8, &file);
+    };
+    const std::string put = "PUT /%2Fx?action=write&flags=0&offset=0";
+    const std::string make = "GET /%2Fx?action=mkdir";
+    const struct {
+        const std::function<int()>& call;
+        std::string request;
+        Fault fault;
+    } rows[] = {
+            {write, put, json("no JSON", "stored", End::lives, "3")},
+            {write, put, json("deep", repeated("[", 2000), End::lives, "3")},
+            {write, put, json("member missing", "{}", End::aborts)},
+            {write, put, json("texts", R"({"s":"","b":"","m":"","nl":"","at":"","mt":"","ct":""})", End::lives, "3")},
+            {write, put, {"redirect", httpReply(307, ""), End::lives, "-1"}},
+            {write, put, {"cut short", {"HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{", true}, End::exits}},
+            {mkdir, make, json("code is a text", R"({"hc":"200"})", End::lives, "-2")},
+            {mkdir, make, json("code beyond 64 bits", R"({"hc":1e99})", End::lives, "-2")},
+            {mkdir, make, json("an array", "[200]", End::aborts)},
+            {mkdir, make, json("empty", "", End::lives, "0")},
+            {read, "GET /%2Fx", {"longer than asked", httpReply(206, std::string(100000, 'x')), End::lives, "4"}},
+            {read, "GET /%2Fx", {"a whole file that is too short", httpReply(200, "1234567"), End::lives, "0"}},
+            {read, "GET /%2Fx", {"reset in the middle", {"HTTP/1.1 206 OK\r\nContent-Length: 4\r\n\r\nx", false, true}, End::exits}},
+    };
+    for (const auto& row : rows) {
+        setReply(service, row.request, row.fault.reply);
+        expectEnd(row.fault, [&] { return std::to_string(row.call()); });
     }
 }

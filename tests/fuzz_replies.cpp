@@ -48,7 +48,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
     struct stat st = {};
     DirEntry* root = DirEntryNew("", directoryType, &st);
     if (setjmp(aborted) == 0) {
-        switch (data[0] % 4) {
+        switch (data[0] % 5) {
         case 0:
             DirFetchRemoteDir("/", root);
             break;
@@ -58,6 +58,9 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
         case 2:
             DirForgetVFS();
             DirGetVFS();
+            break;
+        case 3:
+            DirUpdateWithResponse("/x", std::string(body, bodySize).c_str());
             break;
         default:
             parse_jsonp_response(200, std::string(body, bodySize).c_str());

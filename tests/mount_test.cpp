@@ -375,6 +375,7 @@ TEST_F(MountTest, LosingTheServiceEndsTheDaemon) {
 // Whatever a write was acknowledged for is on the server, however the daemon is stopped in the middle of others.
 TEST_F(MountTest, StopsInTheMiddleOfWritesAndListings) {
     serve();
+    std::size_t total = 0;
     for (const Options& mode : {Options{"-f"}, Options{"-f", "-s"}}) {
         for (int round = 0; round < 2 * rounds(); ++round) {
             const std::string name = "/file" + std::to_string(round);
@@ -397,9 +398,12 @@ TEST_F(MountTest, StopsInTheMiddleOfWritesAndListings) {
             lister.join();
             ASSERT_FALSE(isMounted(disk));
             ASSERT_TRUE(fileText(tree + name).starts_with(acknowledged)) << "round " << round;
+            EXPECT_EQ(fileText(disk + "-log.err").find("Sanitizer"), std::string::npos);
+            total += acknowledged.size();
             std::filesystem::remove(tree + name);
         }
     }
+    EXPECT_GT(total, 0U);
 }
 
 TEST_F(MountTest, WorksOverHttps) {
@@ -416,10 +420,10 @@ TEST_F(MountTest, WorksOverHttps) {
     EXPECT_TRUE(eventually([&] { return !isMounted(disk); }));
     // Trusted in a mount namespace of its own, where the certificate stands in the place of the system's list.
     std::ofstream(scratch + "/trusted") << "set -e; mount --bind " << certificate << " /etc/ssl/certs/ca-certificates.crt\n"
-                                        << KELVANE_VFS << " " << url << " 'D (s)' -f " << disk << " >/dev/null 2>&1 & daemon=$!\n"
+                                        << KELVANE_VFS << " " << url << " 'D (s)' -f " << disk << " >/dev/null 2>&1 & daemon=$!\ntrap 'kill $daemon' EXIT\n"
                                         << "until mountpoint -q " << disk << "; do sleep 0.05; done; cmp " << tree << "/big " << disk << "/big; cp " << disk
                                         << "/big " << disk << "/copy\n"
-                                        << "kill $daemon; wait $daemon || echo status $?\n";
+                                        << "trap - EXIT; kill $daemon; wait $daemon || echo status $?\n";
     std::string output;
     EXPECT_EQ(runShell("unshare -m sh " + scratch + "/trusted", &output, 60), 0);
     EXPECT_EQ(output, "status 1\n");

@@ -20,7 +20,7 @@ namespace {
 
 constexpr int workers = 8;
 const char* const spellings[][2] = {{"plain", "plain"}, {"caf\xc3\xa9", "cafe\xcc\x81"}, {"\xc3\x85ngstr\xc3\xb6m", "A\xcc\x8angstro\xcc\x88m"},
-        {"\xea\xb0\x81", "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8"}};
+        {"\xea\xb0\x81", "\xe1\x84\x80\xe1\x85\xa1\xe1\x86\xa8"}, {"fi", "\xef\xac\x81"}};
 
 struct Worker {
     std::string own, shared, served; // folders: on the mount twice, on the server's side
@@ -48,7 +48,9 @@ template <typename Call, typename Result> void must(Worker& worker, const std::s
 }
 
 // The name of file number `number`, in one of its two spellings.
-std::string nameOf(Worker& worker, int number) { return "/" + std::string(spellings[number % 4][worker.random() % 2]) + std::to_string(number); }
+std::string nameOf(Worker& worker, int number, int kinds = 4) {
+    return "/" + std::string(spellings[number % kinds][worker.random() % 2]) + std::to_string(number);
+}
 
 bool readWhole(const std::string& name, std::string& text) {
     const int file = open(name.c_str(), O_RDONLY);
@@ -114,8 +116,8 @@ void ownStep(Worker& worker) {
 
 // One step in the shared folder: others change the same names, so only time is judged.
 void sharedStep(Worker& worker) {
-    const std::string name = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6));
-    const std::string other = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6));
+    const std::string name = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6), 5);
+    const std::string other = worker.shared + nameOf(worker, static_cast<int>(worker.random() % 6), 5);
     std::string text = "shared";
     must(worker, "shared " + name, true, [&] {
         switch (worker.random() % 6) {

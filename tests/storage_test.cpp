@@ -7,6 +7,8 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <thread>
@@ -41,6 +43,7 @@ struct StorageTest : testing::Test {
             EXPECT_EQ(fileText(scratch + "/server.err").find("Sanitizer"), std::string::npos);
         }
         stopWatchdog();
+        umount2((tree + "/full").c_str(), MNT_DETACH);
         removeScratch(scratch);
     }
 
@@ -286,7 +289,37 @@ TEST_F(StorageTest, GoesOnAfterShortages) {
     }
     for (std::thread& client : clients) { client.join(); }
     EXPECT_EQ(ask("GET /a.txt"), "200 content of /tree/a.txt");
-    EXPECT_EQ(runShell("umount " + tree + "/full"), 0);
+}
+
+TEST_F(StorageTest, ServesBesideThousandsOfConnections) {
+    const rlimit many = {16384, 16384};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &many), 0);
+    serve();
+    std::vector<int> connections;
+    for (int i = 0; i < 3000; ++i) {
+        connections.push_back(connectTo(port));
+        ASSERT_GE(connections.back(), 0);
+        if (i % 2 == 0) {
+            EXPECT_EQ(send(connections.back(), "GET /a.t", 8, 0), 8);
+        }
+    }
+    EXPECT_EQ(ask("GET /a.txt"), "200 content of /tree/a.txt");
+    // No descriptor is left to open the file with, then there are some again.
+    const std::string limit = "prlimit --pid " + std::to_string(server) + " --nofile=";
+    EXPECT_EQ(runShell(limit + std::to_string(openDescriptors() + 1) + ":16384"), 0);
+    const std::string starved = ask("GET /a.txt");
+    EXPECT_TRUE(starved == "503 " || starved == "broken: ") << starved;
+    EXPECT_EQ(runShell(limit + "8192:16384"), 0);
+    EXPECT_TRUE(eventually([&] { return ask("GET /a.txt") == "200 content of /tree/a.txt"; }));
+    // A slow client gets its answer as well.
+    for (const char c : std::string("xt HTTP/1.1\r\nHost: x\r\n\r\n")) {
+        EXPECT_EQ(send(connections[0], &c, 1, 0), 1);
+        sleepMilliseconds(5);
+    }
+    char reply[13] = "";
+    EXPECT_EQ(recv(connections[0], reply, 12, MSG_WAITALL), 12);
+    EXPECT_STREQ(reply, "HTTP/1.1 200");
+    for (const int connection : connections) { close(connection); }
 }
 
 TEST_F(StorageTest, NeverFollowsALinkThatIsBeingChanged) {

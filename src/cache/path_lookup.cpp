@@ -10,6 +10,7 @@
 namespace {
 
 constexpr time_t cacheLifetime = 60;
+constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathAreaSize = 2048;
 
 void dropCache() {
@@ -23,7 +24,7 @@ void dropCache() {
 
 // The kernel takes no such name, and would refuse the whole listing for its sake.
 bool isUnspeakable(const char* name) {
-    return *name == '\0' || std::strchr(name, '/') != nullptr;
+    return *name == '\0' || std::strchr(name, '/') != nullptr || std::strlen(name) > longestKernelName;
 }
 
 void fetchListing(const char* path, DirEntry* dir) {
