@@ -390,9 +390,10 @@ TEST_F(MountTest, StopsInTheMiddleOfWritesAndListings) {
             const std::string name = "/file" + std::to_string(round);
             const pid_t process = mount(disk, mode);
             std::string acknowledged;
+            // Opened while the disk is there: a write must not go to the folder below it afterwards.
+            const int file = open((disk + name).c_str(), O_CREAT | O_WRONLY, 0644);
             std::thread lister([&] { runShell("while ls -lR " + disk + " >/dev/null 2>&1 && cat " + disk + "/* >/dev/null 2>&1; do :; done"); });
             std::thread writer([&] {
-                const int file = open((disk + name).c_str(), O_CREAT | O_WRONLY, 0644);
                 std::string block(20000, '0');
                 for (char c = 'a'; write(file, block.assign(block.size(), c).data(), block.size()) == static_cast<ssize_t>(block.size());
                         c = c == 'z' ? 'a' : static_cast<char>(c + 1)) {
