@@ -198,7 +198,9 @@ std::string talk(std::uint16_t port, const std::string& text, int milliseconds, 
             shutdown(connection, SHUT_WR);
         }
         pollfd wait = {connection, POLLIN, 0};
-        while (poll(&wait, 1, milliseconds) > 0 && receiveMore(connection, data)) {}
+        int ready = 0;
+        while ((ready = poll(&wait, 1, milliseconds)) > 0 && receiveMore(connection, data)) {}
+        data += ready == 0 ? silence : "";
     }
     close(connection);
     return data;

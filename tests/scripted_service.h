@@ -51,5 +51,6 @@ std::string element(const std::string& name, int type, long long size = 0, unsig
 int connectTo(std::uint16_t port);
 
 // Sends `text` to a loopback port and returns everything that comes back until the other side closes or
-// `milliseconds` pass without a byte; half of the connection is shut down after sending if `finish` says so.
+// `milliseconds` pass without a byte (then `silence` follows); half of the connection is shut down after sending if `finish` says so.
+inline const std::string silence = " [silence]";
 std::string talk(std::uint16_t port, const std::string& text, int milliseconds = 2000, bool finish = false);
