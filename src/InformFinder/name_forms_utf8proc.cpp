@@ -9,24 +9,14 @@
 
 namespace {
 
-constexpr std::size_t resultSize = 1024;
-
 // Room for decomposed code points. Composition joins at most three of them to each two bytes of result, so a
 // text that does not fit here does not fit its result area either.
 constexpr utf8proc_ssize_t codePointRoom = 4096;
 
-bool isAscii(const char* text) {
-    for (; *text != '\0'; ++text) {
-        if (static_cast<unsigned char>(*text) >= 0x80) {
-            return false;
-        }
-    }
-    return true;
-}
-
-const char* convert(const char* text, char (&result)[resultSize], int form) {
-    if (isAscii(text)) {
-        checkedCopy(result, resultSize, text);
+const char* convert(const char* text, char (&result)[nameFormSize], int form) {
+    const std::size_t plainLength = std::strlen(text);
+    if (isPlainName(text, plainLength)) {
+        checkedCopyBytes(result, nameFormSize, text, plainLength);
         return result;
     }
     static utf8proc_int32_t codePoints[codePointRoom];
@@ -44,7 +34,7 @@ const char* convert(const char* text, char (&result)[resultSize], int form) {
     for (utf8proc_ssize_t i = 0; i < count; ++i) {
         utf8proc_uint8_t bytes[4];
         const utf8proc_ssize_t size = utf8proc_encode_char(codePoints[i], bytes);
-        checkedCopyBytes(result + length, resultSize - length, reinterpret_cast<const char*>(bytes), size);
+        checkedCopyBytes(result + length, nameFormSize - length, reinterpret_cast<const char*>(bytes), size);
         length += size;
     }
     return result;
@@ -53,21 +43,21 @@ const char* convert(const char* text, char (&result)[resultSize], int form) {
 } // namespace
 
 const char* precompose_string(const char* text) {
-    static char result[resultSize];
+    static char result[nameFormSize];
     return convert(text, result, UTF8PROC_COMPOSE);
 }
 
 const char* decompose_string(const char* text) {
-    static char result[resultSize];
+    static char result[nameFormSize];
     return convert(text, result, UTF8PROC_DECOMPOSE);
 }
 
 const char* precompose_string2(const char* text) {
-    static char result[resultSize];
+    static char result[nameFormSize];
     return convert(text, result, UTF8PROC_COMPOSE | UTF8PROC_COMPAT);
 }
 
 const char* decompose_string2(const char* text) {
-    static char result[resultSize];
+    static char result[nameFormSize];
     return convert(text, result, UTF8PROC_DECOMPOSE | UTF8PROC_COMPAT);
 }

@@ -3,6 +3,7 @@
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
 #include "kelvane_vfs/protocol.h"
+#include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
 
 #include <cstdlib>
@@ -77,10 +78,10 @@ struct statvfs* DirGetVFS() {
         stbuf = {};
         long status = 0;
         char* reply = getURL("", "action=statvfs", nullptr, nullptr, &status);
-        cJSON* statistics = nullptr;
+        const cJSON* statistics = nullptr;
         // The body of a refusal is not released.
         if (reply != nullptr && status == 200) {
-            statistics = cJSON_Parse(reply);
+            statistics = parseReply(reply);
             std::free(reply);
         }
         if (statistics != nullptr) {
@@ -91,7 +92,7 @@ struct statvfs* DirGetVFS() {
             stbuf.f_bfree = static_cast<std::uint32_t>(requiredInt(statistics, "bfree"));
             stbuf.f_bavail = static_cast<std::uint32_t>(requiredInt(statistics, "bavail"));
             stbuf.f_namemax = requiredInt(statistics, "namemax");
-            cJSON_Delete(statistics);
+            releaseReply();
         } else {
             result = nullptr;
         }

@@ -1,10 +1,12 @@
 #include "cache/remote_fetch.h"
 
 #include "kelvane_vfs/protocol.h"
+#include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <unistd.h>
 
 namespace {
@@ -27,6 +29,56 @@ constexpr AttributeField attributeFields[] = {
     {"ct", [](struct stat& st, int value) { st.st_ctime = value; }},
 };
 
+// What a listing element is asked for, found in one pass over its members.
+struct ListedEntry {
+    const cJSON* name;
+    const cJSON* kind;
+    const cJSON* attributes[std::size(attributeFields)];
+};
+
+// The two letters of a key as one number, in small letters; 0 for a key that is not of one or two letters.
+constexpr unsigned packedKey(const char* key) {
+    constexpr unsigned smallLetter = 0x20;
+    const auto first = static_cast<unsigned char>(key[0]);
+    if (first == '\0') {
+        return 0;
+    }
+    const auto second = static_cast<unsigned char>(key[1]);
+    if (second == '\0') {
+        return first | smallLetter;
+    }
+    return key[2] != '\0' ? 0 : (first | smallLetter) | (second | smallLetter) << 8U;
+}
+
+// The member of `entry` that goes by `key`, or null for a key that is not asked for.
+const cJSON** memberOf(ListedEntry& entry, const char* key) {
+    const unsigned packed = packedKey(key);
+    if (packed == packedKey("n")) {
+        return &entry.name;
+    }
+    if (packed == packedKey("t")) {
+        return &entry.kind;
+    }
+    for (std::size_t i = 0; i < std::size(attributeFields); ++i) {
+        if (packed == packedKey(attributeFields[i].key)) {
+            return &entry.attributes[i];
+        }
+    }
+    return nullptr;
+}
+
+// Of members with the same key, whatever its letters' case, the first one counts, as in a look-up by cJSON.
+ListedEntry readListedEntry(const cJSON* element) {
+    ListedEntry entry = {};
+    for (const cJSON* member = element->child; member != nullptr; member = member->next) {
+        const cJSON** place = member->string != nullptr ? memberOf(entry, member->string) : nullptr;
+        if (place != nullptr && *place == nullptr) {
+            *place = member;
+        }
+    }
+    return entry;
+}
+
 void setOwner(struct stat* st) {
     st->st_uid = getuid();
     st->st_gid = getgid();
@@ -35,34 +87,36 @@ void setOwner(struct stat* st) {
 // Adds the child that one listing element describes. `st` serves all elements of a listing: an attribute that
 // an element leaves out keeps the value of the last element that carried it.
 void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
-    const cJSON* name = cJSON_GetObjectItem(element, "n");
-    if (name == nullptr) {
+    const ListedEntry entry = readListedEntry(element);
+    if (entry.name == nullptr) {
         return;
     }
-    for (const AttributeField& field : attributeFields) {
-        const cJSON* member = cJSON_GetObjectItem(element, field.key);
-        if (member != nullptr) {
-            field.store(st, member->valueint);
+    for (std::size_t i = 0; i < std::size(attributeFields); ++i) {
+        if (entry.attributes[i] != nullptr) {
+            attributeFields[i].store(st, entry.attributes[i]->valueint);
         }
     }
-    const bool isDirectory = requiredInt(element, "t") == listedDirectory;
+    if (entry.kind == nullptr) {
+        std::abort();
+    }
+    const bool isDirectory = entry.kind->valueint == listedDirectory;
     // What is not a string is no name.
-    if (name->valuestring != nullptr) {
-        DirEntryAdd(dir, name->valuestring, isDirectory ? directoryType : fileType, &st);
+    if (entry.name->valuestring != nullptr) {
+        DirEntryAdd(dir, entry.name->valuestring, isDirectory ? directoryType : fileType, &st);
     }
 }
 
 } // namespace
 
 int DirParseRemoteAttr(const char* json, struct stat* st) {
-    cJSON* attributes = cJSON_Parse(json);
+    const cJSON* attributes = parseReply(json);
     if (attributes == nullptr) {
         return 0;
     }
     for (const AttributeField& field : attributeFields) {
         field.store(*st, requiredInt(attributes, field.key));
     }
-    cJSON_Delete(attributes);
+    releaseReply();
     return 1;
 }
 
@@ -85,7 +139,7 @@ int DirFetchRemoteDir(const char* path, DirEntry* dir) {
     // listing again without end.
     dir->fetchTime = std::time(nullptr);
     char* reply = getURL(path, nullptr, nullptr, nullptr, nullptr);
-    cJSON* listing = cJSON_Parse(reply);
+    const cJSON* listing = parseReply(reply);
     if (listing == nullptr) {
         std::printf("Failed to parse: %s\n", reply);
         std::free(reply);
@@ -100,6 +154,6 @@ int DirFetchRemoteDir(const char* path, DirEntry* dir) {
     cJSON_ArrayForEach(element, entries) {
         addListedChild(dir, element, st);
     }
-    cJSON_Delete(listing);
+    releaseReply();
     return 1;
 }

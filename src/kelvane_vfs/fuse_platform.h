@@ -4,7 +4,7 @@
 #define FUSE_USE_VERSION 26
 #include <fuse.h>
 
-// Called by main, before the loop: makes the main thread ready to be woken up.
+// Called by main, before the loop: makes the main thread ready to be woken up, and tells the heap what to keep.
 void platformBeforeLoop();
 
 // Called from the init callback, before the first file-system request: remembers the running loop and asks

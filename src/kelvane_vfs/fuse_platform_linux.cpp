@@ -6,6 +6,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <fuse_lowlevel.h>
+#include <malloc.h>
 #include <pthread.h>
 
 namespace {
@@ -18,6 +19,10 @@ const pthread_t mainThread = pthread_self();
 pthread_mutex_t loopLock = PTHREAD_MUTEX_INITIALIZER;
 struct fuse* runningLoop = nullptr;
 bool loopEnded = false;
+
+// Larger blocks go back to the system when they are freed, and as much free memory as this may stay at the end of a
+// heap: what a read or a write takes stays below it, what a long listing takes is above.
+constexpr int largestKeptBlock = 1 << 19;
 
 constexpr unsigned largestWrite = 131072;
 constexpr long firstPauseNanoseconds = 1'000'000;
@@ -60,6 +65,9 @@ bool endLoopOnce(bool& marked) {
 // The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
 // SA_RESTART, and let through even if whoever started the daemon blocked it.
 void platformBeforeLoop() {
+    mallopt(M_MMAP_THRESHOLD, largestKeptBlock);
+    mallopt(M_TRIM_THRESHOLD, 2 * largestKeptBlock);
+
     struct sigaction wake = {};
     wake.sa_handler = wakeUp;
     sigemptyset(&wake.sa_mask);

@@ -1,5 +1,7 @@
 #include "kelvane_vfs/protocol.h"
 
+#include "kelvane_vfs/reply_tree.h"
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -38,12 +40,12 @@ int parse_jsonp_response(long status, const char* body) {
     if (body == nullptr || status != 200) {
         return 0;
     }
-    cJSON* envelope = cJSON_Parse(body);
+    const cJSON* envelope = parseReply(body);
     if (envelope == nullptr) {
         return 0;
     }
     const int code = requiredInt(envelope, "hc");
-    cJSON_Delete(envelope);
+    releaseReply();
     if (code == 200) {
         return 0;
     }

@@ -17,6 +17,9 @@ namespace {
 constexpr std::size_t errorTextSize = 1024;
 static_assert(errorTextSize >= CURL_ERROR_SIZE);
 
+// A read or a write of the kernel's largest size, with its headers, in one piece each way.
+constexpr long transferAreaSize = 144L * 1024;
+
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
 char* buildURL(const char* path, const char* query) {
     char* servicePath = DirReadOriginalEncodingPath(path);
@@ -75,6 +78,8 @@ CURL* getCurlHandle() {
     CURL* handle = pthread_getspecific(lubcurlKey);
     if (handle == nullptr) {
         handle = curl_easy_init();
+        curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, transferAreaSize);
+        curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, transferAreaSize);
         pthread_setspecific(lubcurlKey, handle);
     }
     return handle;

@@ -1,0 +1,67 @@
+#include "kelvane_vfs/reply_tree.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+namespace {
+
+// The first block holds everything but a listing.
+constexpr std::size_t firstBlockSize = 4UL * 1024;
+constexpr std::size_t blockSize = 1024UL * 1024;
+
+struct alignas(std::max_align_t) Block {
+    Block* before;
+};
+
+// The thread's blocks, the youngest first, and what is left of it.
+thread_local Block* blocks = nullptr;
+thread_local std::size_t room = 0;
+thread_local char* next = nullptr;
+
+void* takeFromBlock(std::size_t size) {
+    const std::size_t rounded = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
+    if (rounded > room) {
+        // A long string gets a block of its own size.
+        const std::size_t usual = blocks == nullptr ? firstBlockSize : blockSize;
+        const std::size_t total = sizeof(Block) + rounded > usual ? sizeof(Block) + rounded : usual;
+        auto* block = static_cast<Block*>(std::malloc(total));
+        if (block == nullptr) {
+            return nullptr;
+        }
+        block->before = blocks;
+        blocks = block;
+        next = reinterpret_cast<char*>(block + 1);
+        room = total - sizeof(Block);
+    }
+    void* taken = next;
+    next += rounded;
+    room -= rounded;
+    return taken;
+}
+
+void leaveInBlock(void*) {}
+
+const bool hooksInstalled = [] {
+    cJSON_Hooks hooks = {takeFromBlock, leaveInBlock};
+    cJSON_InitHooks(&hooks);
+    return true;
+}();
+
+} // namespace
+
+const cJSON* parseReply(const char* text) {
+    const cJSON* tree = hooksInstalled ? cJSON_Parse(text) : nullptr;
+    if (tree == nullptr) {
+        releaseReply();
+    }
+    return tree;
+}
+
+void releaseReply() {
+    while (blocks != nullptr) {
+        Block* before = blocks->before;
+        std::free(blocks);
+        blocks = before;
+    }
+    room = 0;
+}
