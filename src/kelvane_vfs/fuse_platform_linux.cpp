@@ -32,9 +32,10 @@ void wakeUp(int) {}
 
 // With -o auto_unmount a helper unmounts once its socket to this process closes, but only a disk that is dead by then.
 // The kernel lets go of the files of a process that ends in the opposite order of their numbers, so a high number for
-// the FUSE device makes sure that the disk dies first.
+// the FUSE device makes sure that the disk dies first. The number is the highest for which the kernel need not grow the
+// table of files, which takes it some ten milliseconds in a process of several threads.
 void holdDeviceToTheEnd(struct fuse_session* session) {
-    constexpr int highNumber = 256;
+    constexpr int highNumber = 63;
     const int device = fuse_chan_fd(fuse_session_next_chan(session, nullptr));
     [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
 }
