@@ -1,0 +1,210 @@
+"""Turns the results of a comparison into Markdown tables and a chart."""
+import math
+import re
+import statistics
+
+TITLES = {  # metric: (what is timed, workload that it belongs to)
+    "start": ("start to first listing", "start"),
+    "cold find": ("cold `find -ls`, 10,000 files", "find"),
+    "warm find": ("warm `find -ls`, 10,000 files", "find"),
+    "large": ("cold `find -ls`, 50,000 entries in one folder", "large"),
+    "stat": ("20,000 `stat`, kernel caching off", "stat"),
+    "read": ("sequential read, 256 MiB", "read"),
+    "readers": ("8 readers at once, 32 MiB each", "readers"),
+    "random": ("2,000 random reads of 4 KiB", "random"),
+    "write": ("sequential write, 256 MiB, to the end of `close`", "write"),
+    "create": ("500 files of 4 KiB created", "changes"),
+    "rename": ("500 renames", "changes"),
+    "remove": ("500 removals", "changes"),
+}
+LIMITS = ("pass-through", "curl")
+COLOURS = {"kelvane": "#1b6ca8", "kelvane -s": "#7fb2d9", "rclone": "#d1495b", "rclone-writes": "#e8a0a9",
+           "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3", "curl": "#44475a"}
+MEBIBYTE = 1 << 20
+
+
+def middle(results, table, row, system="kelvane"):
+    samples = results.get(table, {}).get(row, {}).get(system)
+    return statistics.median(samples) if samples else None
+
+
+def seconds(results, metric, system="kelvane"):
+    return middle(results, "seconds", metric, system)
+
+
+def ratio(upper, lower):
+    return upper / lower if upper is not None and lower else None
+
+
+def milliseconds(value):
+    return f"{value * 1000:.0f}" if value >= 0.01 else f"{value * 1000:.1f}"
+
+
+def table(header, rows):
+    lines = ["| " + " | ".join(row) + " |" for row in [header, ["---"] * len(header), *rows]]
+    return "\n".join(lines) + "\n"
+
+
+def systems_of(results):
+    return [system for system in COLOURS if any(system in row for row in results["seconds"].values())]
+
+
+def times_table(results):
+    systems = systems_of(results)
+    rows = []
+    for metric, (title, _) in TITLES.items():
+        if metric not in results["seconds"]:
+            continue
+        row = [title]
+        for system in systems:
+            samples = results["seconds"][metric].get(system)
+            own = ratio(seconds(results, metric, system), seconds(results, metric))
+            row.append("" if not samples else
+                       f"{milliseconds(statistics.median(samples))} ({milliseconds(min(samples))}–"
+                       f"{milliseconds(max(samples))})" + (f" **{own:.2f}**" if own and system != "kelvane" else ""))
+        rows.append(row)
+    return table(["milliseconds", *systems], rows)
+
+
+def usage_table(results):
+    systems = [system for system in systems_of(results) if system != "curl"]
+    rows = []
+    for workload, by_system in results.get("cpu", {}).items():
+        cells = [f"{middle(results, 'cpu', workload, system):.2f} s, "
+                 f"{middle(results, 'peak', workload, system) / MEBIBYTE:.0f} MiB" if system in by_system else ""
+                 for system in systems]
+        rows.append([workload, *cells])
+    return table(["CPU time, peak memory", *systems], rows)
+
+
+def best(results, metric, only=lambda system: True):
+    """The fastest alternative: its name and its time."""
+    times = {system: seconds(results, metric, system) for system in results["seconds"].get(metric, {})
+             if not system.startswith("kelvane") and system not in LIMITS and only(system)}
+    return min(times.items(), key=lambda item: item[1]) if times else ("", None)
+
+
+def stored_at_close(results):
+    return {system: all(samples) for system, samples in results.get("stored", {}).get("write", {}).items()}
+
+
+def goals(results):
+    """(what, measured, operator, limit, unit) of everything that was measured."""
+    passed = lambda metric: ratio(seconds(results, metric), seconds(results, metric, "pass-through"))
+    rows = [(f"{metric} : pass-through", passed(metric), "<=", limit, "")
+            for metric, limit in (("cold find", 1.1), ("warm find", 1.0), ("stat", 1.05))]
+
+    def beside_best(metric, operator, only=lambda system: True, note=""):
+        name, value = best(results, metric, only)
+        rows.append((f"{metric} : best alternative{note} ({name})", ratio(seconds(results, metric), value), operator, 1.0, ""))
+
+    beside_best("large", "<")
+    largest = max((int(metric.split()[0]) for metric in results["seconds"] if metric.endswith(" entries")), default=0)
+    smallest = min((int(metric.split()[0]) for metric in results["seconds"] if metric.endswith(" entries")), default=0)
+    if largest > smallest:
+        grown = ratio(seconds(results, f"{largest} entries"), seconds(results, f"{smallest} entries"))
+        rows.append((f"time per entry, {largest} : {smallest}", ratio(grown, largest / smallest), "<=", 1.15, ""))
+    rows.append(("read, speed : curl", ratio(seconds(results, "read", "curl"), seconds(results, "read")), ">=", 0.8, ""))
+    beside_best("read", "<")
+    beside_best("readers", "<=")
+    rows.append(("write, speed : curl", ratio(seconds(results, "write", "curl"), seconds(results, "write")), ">=", 0.8, ""))
+    stored = stored_at_close(results)
+    beside_best("write", "<", lambda system: stored.get(system, False), " with the data stored at close")
+    request = ratio(seconds(results, "small storage", "curl"), results.get("small requests", 0))
+    for metric, requests in results.get("requests", {}).items():
+        own, base = seconds(results, metric), seconds(results, metric, "pass-through")
+        if own is None or base is None:
+            continue
+        count = requests / results["changes"]
+        extra = (own - base) / results["changes"]
+        if request:
+            rows.append((f"{metric} beyond pass-through : {count:.1f} small requests", extra / (count * request), "<=", 1.2, ""))
+        same = ratio(own - base, seconds(results, metric, "curl"))
+        rows.append((f"{metric} beyond pass-through : the same requests by curl", same, "<=", 1.2, ""))
+    rows.append(("small request, kelvane_storage : nginx",
+                 ratio(seconds(results, "small storage", "curl"), seconds(results, "small nginx", "curl")), "<=", 1.0, ""))
+    beside_best("random", "<")
+    rows.append(("start to first listing", ratio(seconds(results, "start"), 0.001), "<=", 10, " ms"))
+    rows.append(("CPU time of reading 256 MiB", middle(results, "cpu", "read"), "<=", 0.25, " s"))
+    rows.append(("memory after it", ratio(middle(results, "resident", "read"), MEBIBYTE), "<", 16, " MiB"))
+    rows.append(("memory with 100,000 entries", ratio(middle(results, "resident", "growth-100000"), MEBIBYTE), "<", 60, " MiB"))
+    return [row for row in rows if row[1] is not None]
+
+
+def goals_table(results):
+    reached = {"<": lambda a, b: a < b, "<=": lambda a, b: a <= b, ">=": lambda a, b: a >= b}
+    signs = {"<": "<", "<=": "≤", ">=": "≥"}
+    return table(["goal", "limit", "measured", "reached"],
+                 [[what, f"{signs[operator]} {limit:g}{unit}", f"{value:.2f}{unit}",
+                   "yes" if reached[operator](value, limit) else "**no**"]
+                  for what, value, operator, limit, unit in goals(results)])
+
+
+def notes(results):
+    machine = results["machine"]
+    lines = [f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; {machine['rounds']} rounds. "
+             "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster."]
+    if not machine["dropped"]:
+        lines.append("The kernel's caches could not be dropped.")
+    for system in results.get("without", []):
+        lines.append(f"{system} could not be started and is left out.")
+    for workload, systems in results.get("failed", {}).items():
+        lines.append(f"{', '.join(sorted(set(systems)))} failed at {workload}.")
+    stored = stored_at_close(results)
+    if stored:
+        lines.append("All of the file on the server when `close` returned: "
+                     + ", ".join(f"{system} {'yes' if good else 'no'}" for system, good in stored.items()) + ".")
+    return "\n".join(f"- {line}" for line in lines) + "\n"
+
+
+def markdown(results):
+    parts = [notes(results), times_table(results), goals_table(results), usage_table(results)]
+    return "\n".join(part for part in parts if part)
+
+
+def chart(results):
+    """Time relative to the daemon's, one group of bars for each metric, on a logarithmic scale."""
+    systems = [system for system in systems_of(results) if system != "kelvane"]
+    metrics = [metric for metric in TITLES if seconds(results, metric)]
+    left, width, bar, gap, top = 330, 620, 11, 16, 70
+    low, high = 0.125, 16
+    place = lambda value: left + width * math.log(min(max(value, low), high) / low) / math.log(high / low)
+    shapes = []
+    y = top
+    for metric in metrics:
+        shown = [system for system in systems if seconds(results, metric, system)]
+        shapes.append(f'<text x="{left - 10}" y="{y + bar * len(shown) / 2 + 4:.0f}" text-anchor="end">'
+                      f"{TITLES[metric][0].replace('`', '')}</text>")
+        for system in shown:
+            value = ratio(seconds(results, metric, system), seconds(results, metric))
+            start, end = sorted((place(1), place(value)))
+            shapes.append(f'<rect x="{start:.1f}" y="{y}" width="{max(end - start, 1):.1f}" height="{bar - 1}" '
+                          f'fill="{COLOURS[system]}"/>')
+            side, anchor = (end + 4, "start") if value >= 1 else (start - 4, "end")
+            shapes.append(f'<text x="{side:.1f}" y="{y + bar - 2}" font-size="9" text-anchor="{anchor}">{value:.2f}</text>')
+            y += bar
+        y += gap
+    for tick in (0.125, 0.25, 0.5, 1, 2, 4, 8, 16):
+        shapes.insert(0, f'<line x1="{place(tick):.1f}" x2="{place(tick):.1f}" y1="{top - 8}" y2="{y - gap + 4}" '
+                         f'stroke="{"#222" if tick == 1 else "#ddd"}"/>')
+        shapes.append(f'<text x="{place(tick):.1f}" y="{top - 12}" text-anchor="middle">{tick:g}×</text>')
+    for index, system in enumerate(systems):
+        shapes.append(f'<rect x="{left + index * 100}" y="24" width="11" height="11" fill="{COLOURS[system]}"/>'
+                      f'<text x="{left + 15 + index * 100}" y="34">{system}</text>')
+    return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {left + width + 60} {y + 6}" '
+            'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" fill="white"/>\n'
+            '<text x="10" y="18" font-size="14">Time relative to kelvane_vfs: right of 1× kelvane_vfs is faster</text>\n'
+            + "\n".join(shapes) + "\n</svg>\n")
+
+
+def write(results, output, docs):
+    text = markdown(results)
+    (output / "results.md").write_text(text)
+    (output / "results.svg").write_text(chart(results))
+    print(text)
+    print(f"results: {output}")
+    if docs:
+        page = docs / "performance.md"
+        page.write_text(re.sub(r"(<!-- results -->\n).*(<!-- end of results -->)", lambda found: found[1] + text + found[2],
+                               page.read_text(), flags=re.S))
+        (docs / "performance.svg").write_text(chart(results))
