@@ -183,22 +183,17 @@ TEST_F(MountTest, ReadsLikeTheDirectoryItself) {
 }
 
 TEST_F(MountTest, AsksOnceForWhatItKnows) {
-    runShell("cd " + tree + " && for d in $(seq 100); do mkdir d$d; (cd d$d; touch $(seq 100)); done");
+    runShell("cd " + tree + " && for d in $(seq 100); do mkdir d$d; (cd d$d; touch $(seq 100)); done; mkdir d0; cd d0; seq 100000 | xargs touch");
     mountTree();
     std::string output;
     for (int look = 0; look < 2; ++look) {
-        EXPECT_EQ(runShell("find " + disk + " -ls | wc -l", &output), 0);
+        EXPECT_EQ(runShell("find " + disk + " -name d0 -prune -o -ls | wc -l", &output), 0);
         EXPECT_EQ(output, "10101\n");
     }
     const std::string trace = fileText(disk + "-log.err");
     EXPECT_EQ(count(trace, ", query: (null)\n"), 101U);
     EXPECT_EQ(count(trace, ", query: action=props\n"), 1U);
-}
-
-TEST_F(MountTest, ListsAHundredThousandEntries) {
-    EXPECT_EQ(runShell("cd " + tree + " && seq 100000 | xargs touch"), 0);
-    mountTree();
-    expectSame("ls -f | sort | grep -v '^[.]' | md5sum", tree, disk);
+    expectSame("ls -f d0 | sort | grep -v '^[.]' | md5sum", tree, disk);
 }
 
 // What programs do to a disk, done to a local folder and to the mount: same output, same status, and the server's

@@ -242,15 +242,23 @@ TEST_F(OperationsTest, ListingsAndStatistics) {
 
 TEST_F(OperationsTest, ExtendedAttributes) {
     char value[8] = "-------";
-    EXPECT_EQ(kelvane_getxattr("/a.txt", "n", value, 3, 0), -93);
-    EXPECT_EQ(kelvane_getxattr("/none", "n", value, 3, 0), -93);
+    const std::string composed = "\xc3\xa9", decomposed = "e\xcc\x81";
+    const auto get = [&](const char* path, const std::string& name, std::uint32_t position) {
+        return kelvane_getxattr(path, name.c_str(), value, 3, position);
+    };
+    EXPECT_TRUE(get("/a.txt", composed, 0) == -93 && get("/none", composed, 0) == -93);
+    EXPECT_EQ(kelvane_removexattr("/a.txt", "none"), 0);
     DirEntryAddXAttr("/none", "n", "abc", 3);
-    DirEntryAddXAttr("/a.txt", "n", "abc", 3);
-    EXPECT_EQ(kelvane_getxattr("/a.txt", "n", value, 3, 2), 3);
-    EXPECT_STREQ(value, "--abc--");
-    EXPECT_EQ(kelvane_getxattr("/a.txt", "n", value, 0, 0), 0);
-    EXPECT_EQ(kelvane_removexattr("/a.txt", "n"), 0);
-    EXPECT_EQ(kelvane_getxattr("/a.txt", "n", value, 3, 0), -93);
+    DirEntryAddXAttr("/a.txt", composed.c_str(), "one", 3);
+    DirEntryAddXAttr("/a.txt", decomposed.c_str(), "two", 3);
+    DirEntry* entry = DirGetEntry("/a.txt");
+    EXPECT_EQ(HASH_COUNT(entry->xattrs), 1U);
+    EXPECT_EQ(get("/a.txt", composed, 2), 3);
+    EXPECT_STREQ(value, "--two--");
+    EXPECT_EQ(kelvane_getxattr("/a.txt", composed.c_str(), value, 0, 0), 0);
+    DirEntryAddXAttr("/a.txt", "empty", "", 0);
+    EXPECT_EQ(kelvane_removexattr("/a.txt", composed.c_str()) + kelvane_removexattr("/a.txt", "empty"), 0);
+    EXPECT_EQ(entry->xattrs, nullptr);
 }
 
 TEST_F(OperationsTest, FirstGetattrInformsOnce) {
