@@ -6,12 +6,14 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
 constexpr time_t cacheLifetime = 60;
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathAreaSize = 2048;
+constexpr std::size_t traceAtOnce = 4096;
 
 void dropCache() {
     DirEntryFree(dirEntryTop);
@@ -25,6 +27,11 @@ void dropCache() {
 // The kernel takes no such name, and would refuse the whole listing for its sake.
 bool isUnspeakable(const char* name) {
     return *name == '\0' || std::strchr(name, '/') != nullptr || std::strlen(name) > longestKernelName;
+}
+
+void printTrace(std::string& trace) {
+    std::fwrite(trace.data(), 1, trace.size(), stdout);
+    trace.clear();
 }
 
 void fetchListing(const char* path, DirEntry* dir) {
@@ -118,14 +125,20 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
         --recordsInUse;
         std::free(servicePath);
     }
+    // A line for each entry, but not a system call.
+    std::string trace;
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
         if (isUnspeakable(child->name)) {
             continue;
         }
-        std::printf("CACHE-DirRead: adding: %s\n", child->name);
+        trace.append("CACHE-DirRead: adding: ").append(child->name).append("\n");
+        if (trace.size() >= traceAtOnce) {
+            printTrace(trace);
+        }
         filler(buf, child->name, &child->st, 0);
     }
+    printTrace(trace);
     DirUnlock();
     return 1;
 }
