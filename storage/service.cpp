@@ -16,7 +16,7 @@ namespace {
 constexpr std::uint64_t largestUpload = 1 << 20;
 constexpr std::uint64_t largestCopiedReply = 1 << 18;
 // Half of it is the reading area, which takes the clients' usual upload of 128 KiB whole.
-constexpr std::size_t connectionMemory = 288UL * 1024;
+constexpr std::size_t connectionMemory = 64UL * 1024;
 constexpr unsigned listenBacklog = 1024;
 
 // Longer than a libcurl client keeps an unused connection, so that none is closed under a client about to use

@@ -6,14 +6,15 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <string>
 
 namespace {
 
 constexpr time_t cacheLifetime = 60;
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathAreaSize = 2048;
-constexpr std::size_t traceAtOnce = 4096;
+// Half of it is room for the line of one more entry.
+constexpr std::size_t traceAreaSize = 4096;
+static_assert(longestKernelName < traceAreaSize / 2 - 32);
 
 void dropCache() {
     DirEntryFree(dirEntryTop);
@@ -27,11 +28,6 @@ void dropCache() {
 // The kernel takes no such name, and would refuse the whole listing for its sake.
 bool isUnspeakable(const char* name) {
     return *name == '\0' || std::strchr(name, '/') != nullptr || std::strlen(name) > longestKernelName;
-}
-
-void printTrace(std::string& trace) {
-    std::fwrite(trace.data(), 1, trace.size(), stdout);
-    trace.clear();
 }
 
 void fetchListing(const char* path, DirEntry* dir) {
@@ -126,19 +122,21 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
         std::free(servicePath);
     }
     // A line for each entry, but not a system call.
-    std::string trace;
+    char trace[traceAreaSize];
+    char* end = trace;
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
         if (isUnspeakable(child->name)) {
             continue;
         }
-        trace.append("CACHE-DirRead: adding: ").append(child->name).append("\n");
-        if (trace.size() >= traceAtOnce) {
-            printTrace(trace);
+        if (end > trace + traceAreaSize / 2) {
+            std::fwrite(trace, 1, end - trace, stdout);
+            end = trace;
         }
+        end = stpcpy(stpcpy(stpcpy(end, "CACHE-DirRead: adding: "), child->name), "\n");
         filler(buf, child->name, &child->st, 0);
     }
-    printTrace(trace);
+    std::fwrite(trace, 1, end - trace, stdout);
     DirUnlock();
     return 1;
 }
