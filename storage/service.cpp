@@ -15,7 +15,8 @@ namespace {
 
 constexpr std::uint64_t largestUpload = 1 << 20;
 constexpr std::uint64_t largestCopiedReply = 1 << 18;
-// Half of it is the reading area, which takes the clients' usual upload of 128 KiB whole.
+// The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
+// is the reading area.
 constexpr std::size_t connectionMemory = 64UL * 1024;
 constexpr unsigned listenBacklog = 1024;
 
