@@ -4,6 +4,8 @@
 // process. The caller makes sure that no two threads are in here at once.
 #pragma once
 
+#include <cstddef>
+
 // Canonical composition (NFC).
 const char* precompose_string(const char* text);
 
@@ -15,3 +17,11 @@ const char* precompose_string2(const char* text);
 
 // Compatibility decomposition (NFKD).
 const char* decompose_string2(const char* text);
+
+enum class NameForm { nfc, nfd, nfkc, nfkd };
+
+constexpr std::size_t nameFormSize = 1024;
+
+// The conversion itself, one file per platform: writes `text` in that form into `result` and returns `result`, or
+// null with `result` untouched when `text` is not valid UTF-8.
+const char* convertName(const char* text, char (&result)[nameFormSize], NameForm form);
