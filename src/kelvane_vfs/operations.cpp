@@ -3,6 +3,22 @@
 #include "cache/dir_entry.h"
 #include "kelvane_vfs/stop_path.h"
 
+namespace {
+
+// Changes of attributes are accepted and ignored, in the one slot that macOS's table has for all of them or in a slot
+// for each kind.
+template <typename Table> constexpr Table withAttributeSlots(Table table) {
+    if constexpr (requires { table.setattr_x; }) {
+        table.setattr_x = kelvane_setattr_x;
+    } else {
+        table.chown = kelvane_chown;
+        table.utimens = kelvane_utimens;
+    }
+    return table;
+}
+
+} // namespace
+
 void* kelvane_init(struct fuse_conn_info* conn) {
     platformLoopStarts(conn);
     keepExitThread();
@@ -16,7 +32,7 @@ void kelvane_destroy(void*) {
     DirDestroy();
 }
 
-constinit const struct fuse_operations kelvane_filesystem_operations = withPlatformSlots({
+constinit const struct fuse_operations kelvane_filesystem_operations = withAttributeSlots(fuse_operations{
     .getattr = kelvane_getattr,
     .mkdir = kelvane_mkdir,
     .unlink = kelvane_unlink,
