@@ -37,3 +37,9 @@ const char* precompose_string2(const char* text);
 
 // Compatibility decomposition (NFKD).
 const char* decompose_string2(const char* text);
+
+enum class NameForm { nfc, nfd, nfkc, nfkd };
+
+// The conversion itself, one file per platform: writes `text` in that form into `result` and returns `result`, or
+// null with `result` untouched when `text` is not valid UTF-8.
+const char* convertName(const char* text, char (&result)[nameFormSize], NameForm form);

@@ -2,9 +2,7 @@
 
 #include "kelvane_vfs/checked_text.h"
 
-#include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <utf8proc.h>
 
 namespace {
@@ -13,14 +11,16 @@ namespace {
 // text that does not fit here does not fit its result area either.
 constexpr utf8proc_ssize_t codePointRoom = 4096;
 
-const char* convert(const char* text, char (&result)[nameFormSize], int form) {
-    const std::size_t plainLength = std::strlen(text);
-    if (isPlainName(text, plainLength)) {
-        checkedCopyBytes(result, nameFormSize, text, plainLength);
-        return result;
-    }
+// In the order of NameForm.
+constexpr int formOptions[] = {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE, UTF8PROC_COMPOSE | UTF8PROC_COMPAT,
+                               UTF8PROC_DECOMPOSE | UTF8PROC_COMPAT};
+
+} // namespace
+
+const char* convertName(const char* text, char (&result)[nameFormSize], NameForm form) {
     static utf8proc_int32_t codePoints[codePointRoom];
-    const auto options = static_cast<utf8proc_option_t>(UTF8PROC_NULLTERM | UTF8PROC_STABLE | form);
+    const auto options = static_cast<utf8proc_option_t>(UTF8PROC_NULLTERM | UTF8PROC_STABLE |
+                                                        formOptions[static_cast<std::size_t>(form)]);
     utf8proc_ssize_t count =
         utf8proc_decompose(reinterpret_cast<const utf8proc_uint8_t*>(text), 0, codePoints, codePointRoom, options);
     if (count < 0) {
@@ -34,30 +34,8 @@ const char* convert(const char* text, char (&result)[nameFormSize], int form) {
     for (utf8proc_ssize_t i = 0; i < count; ++i) {
         utf8proc_uint8_t bytes[4];
         const utf8proc_ssize_t size = utf8proc_encode_char(codePoints[i], bytes);
-        checkedCopyBytes(result + length, nameFormSize - length, reinterpret_cast<const char*>(bytes), size);
+        checkedCopyBytes(result + length, sizeof result - length, reinterpret_cast<const char*>(bytes), size);
         length += size;
     }
     return result;
-}
-
-} // namespace
-
-const char* precompose_string(const char* text) {
-    static char result[nameFormSize];
-    return convert(text, result, UTF8PROC_COMPOSE);
-}
-
-const char* decompose_string(const char* text) {
-    static char result[nameFormSize];
-    return convert(text, result, UTF8PROC_DECOMPOSE);
-}
-
-const char* precompose_string2(const char* text) {
-    static char result[nameFormSize];
-    return convert(text, result, UTF8PROC_COMPOSE | UTF8PROC_COMPAT);
-}
-
-const char* decompose_string2(const char* text) {
-    static char result[nameFormSize];
-    return convert(text, result, UTF8PROC_DECOMPOSE | UTF8PROC_COMPAT);
 }

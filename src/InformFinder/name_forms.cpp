@@ -1,0 +1,38 @@
+#include "InformFinder/name_forms.h"
+
+#include "kelvane_vfs/checked_text.h"
+
+#include <cstring>
+
+namespace {
+
+const char* convert(const char* text, char (&result)[nameFormSize], NameForm form) {
+    const std::size_t length = std::strlen(text);
+    if (isPlainName(text, length)) {
+        checkedCopyBytes(result, sizeof result, text, length);
+        return result;
+    }
+    return convertName(text, result, form);
+}
+
+} // namespace
+
+const char* precompose_string(const char* text) {
+    static char result[nameFormSize];
+    return convert(text, result, NameForm::nfc);
+}
+
+const char* decompose_string(const char* text) {
+    static char result[nameFormSize];
+    return convert(text, result, NameForm::nfd);
+}
+
+const char* precompose_string2(const char* text) {
+    static char result[nameFormSize];
+    return convert(text, result, NameForm::nfkc);
+}
+
+const char* decompose_string2(const char* text) {
+    static char result[nameFormSize];
+    return convert(text, result, NameForm::nfkd);
+}
