@@ -1,0 +1,24 @@
+#include "kelvane_vfs/fuse_platform.h"
+
+#include "kelvane_vfs/operations.h"
+
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <type_traits>
+
+// The layouts that the daemon was designed for: the table whose size the library is told, numbers of the service that
+// are cut to 16 bits in attributes and to 32 in statistics, attributes read from a position on.
+static_assert(sizeof(fuse_operations) == 464);
+static_assert(sizeof(stat::st_mode) == 2 && sizeof(stat::st_nlink) == 2);
+static_assert(sizeof(stat::st_size) == 8 && sizeof(stat::st_blocks) == 8);
+static_assert(sizeof(statvfs::f_blocks) == 4 && sizeof(statvfs::f_bfree) == 4 && sizeof(statvfs::f_bavail) == 4);
+static_assert(sizeof(statvfs::f_bsize) == 8 && sizeof(statvfs::f_frsize) == 8 && sizeof(statvfs::f_namemax) == 8);
+static_assert(std::is_same_v<decltype(fuse_operations::getxattr), decltype(&kelvane_getxattr)>);
+
+// The library ends its loop itself, and its kernel part sends writes of the size that it was mounted with.
+
+void platformBeforeLoop() {}
+
+void platformLoopStarts(struct fuse_conn_info*) {}
+
+void platformLoopEnded() {}
