@@ -1,3 +1,4 @@
+#include "InformFinder/favourite_volumes.h"
 #include "InformFinder/finder_sidebar.h"
 #include "InformFinder/name_forms.h"
 #include "cache/path_lookup.h"
@@ -130,6 +131,7 @@ TEST(FinderSidebar, PathFromDiskName) {
             {"Disk", nullptr},
             {"Disk (srv", nullptr},
     };
+    void* pool = openTemporaryPool();
     for (const auto& row : rows) {
         std::string name = row.name;
         char* path = pathFromDiskName(name.data());
@@ -147,6 +149,7 @@ TEST(FinderSidebar, PathFromDiskName) {
     for (std::string name : {std::string("(srv)"), "d" + fits, std::string("Dis)(srv")}) {
         EXPECT_EXIT(pathFromDiskName(name.data()), testing::KilledBySignal(SIGABRT), "") << name;
     }
+    releaseTemporaryPool(pool);
 }
 
 TEST(CacheRecords, ReplaceAndRemoveInAnySpelling) {
