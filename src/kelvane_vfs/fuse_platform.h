@@ -4,8 +4,8 @@
 #define FUSE_USE_VERSION 26
 #include <fuse.h>
 
-// Called by main, before the loop: whatever the main thread needs to be woken up by the exit thread, and what the heap
-// has to know.
+// Called by main, before the loop: makes the main thread ready to be woken up and tells the heap what to keep,
+// where the platform needs it.
 void platformBeforeLoop();
 
 // Called from the init callback, before the first file-system request: remembers the running loop and asks
