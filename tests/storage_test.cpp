@@ -2,11 +2,14 @@
 #include "tests/processes.h"
 #include "tests/scripted_service.h"
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
+#include <regex>
+#include <set>
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -208,6 +211,43 @@ TEST_F(StorageTest, AnswersEveryRequest) {
     EXPECT_TRUE(eventually([&] { return openDescriptors() <= before; })) << openDescriptors() << " " << before;
     EXPECT_EQ(fileText(scratch + "/outside/secret"), "content of /outside/secret");
     EXPECT_FALSE(std::filesystem::exists(tree + "/" + composed) || std::filesystem::exists(tree + "/" + decomposed));
+}
+
+// The documentation's conversation, held with a real server: "> " is sent, "< " has to come back, N is any number.
+TEST_F(StorageTest, ConversesAsTheProtocolPageSays) {
+    std::filesystem::create_directory(tree + "/notes");
+    std::ofstream(tree + "/notes/hello.txt") << "hello, world";
+    ASSERT_EQ(chmod((tree + "/notes/hello.txt").c_str(), 0644), 0);
+    serve();
+    std::ifstream page(KELVANE_PROTOCOL_PAGE);
+    std::set<std::string> actions;
+    std::vector<std::string> sent;
+    std::string expected;
+    bool inside = false;
+    for (std::string line; std::getline(page, line);) {
+        if (line == "```exchange") {
+            inside = true;
+            sent.clear();
+            expected.clear();
+        } else if (inside && line.starts_with('>')) {
+            sent.push_back(line.substr(std::min<std::size_t>(line.size(), 2)));
+        } else if (inside && line.starts_with("< ")) {
+            expected += line.substr(2) + (expected.empty() ? " " : "");
+        } else if (inside) {
+            ASSERT_TRUE(line == "```" && !sent.empty() && !expected.empty()) << line;
+            inside = false;
+            const auto end = std::find(sent.begin(), sent.end(), "");
+            std::string headers;
+            for (auto header = sent.begin() + 1; header < end; ++header) { headers += *header + "\r\n"; }
+            const std::string reply = ask(sent[0], headers, end == sent.end() ? "" : sent.back());
+            std::string pattern = std::regex_replace(expected, std::regex(R"([{}\[\].])"), R"(\$&)");
+            pattern = std::regex_replace(pattern, std::regex(":N"), ":\\d+");
+            EXPECT_TRUE(std::regex_match(reply, std::regex(pattern))) << sent[0] << "\n" << reply;
+            const std::size_t action = sent[0].find("action=");
+            actions.insert(action == std::string::npos ? "" : sent[0].substr(action, sent[0].find('&', action) - action));
+        }
+    }
+    EXPECT_EQ(actions.size(), 10U) << "an action is without an example";
 }
 
 TEST_F(StorageTest, ListsWhatCanBeNamed) {
