@@ -25,7 +25,8 @@ READERS = 8
 RANDOM_READS = 2000
 STATS = 20000
 CHANGES = 500
-SMALL_REQUESTS = 3000
+SMALL_REQUESTS = 2000
+SLOW = 12  # seconds of a turn
 SCALES = (25000, 50000, 100000, 200000)
 
 args = None  # command line
@@ -34,6 +35,7 @@ data = None  # what all servers serve
 urls = {}  # server -> where it serves
 results = {}
 changes_made = {}  # metric -> requests that the daemon makes for it
+slow = set()  # (workload, system) that took longer than SLOW
 mount_numbers = itertools.count()
 
 
@@ -343,7 +345,8 @@ def sequential_write(folder):
 def changes(folder):
     if not folder:
         # A removal ends with the question whether the file is still there.
-        return {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
+        seconds = {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
+        return {**seconds, **small_requests(None)}
     return {"create": load("create", folder / "work", CHANGES, 4096), "rename": load("rename", folder / "work", CHANGES),
             "remove": load("remove", folder / "work", CHANGES)}
 
@@ -480,35 +483,46 @@ def machine():
             "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": args.rounds}
 
 
+def turn_of(workload, system):
+    """What to show of a turn; systems that take very long at something do it once."""
+    if (workload, system) in slow:
+        return None
+    start = time.perf_counter()
+    try:
+        shown = measure(workload, system)
+    except (OSError, RuntimeError, subprocess.SubprocessError) as error:
+        results.setdefault("failed", {}).setdefault(workload, []).append(system)
+        shown = f"failed ({error})"
+    if time.perf_counter() - start > SLOW:
+        slow.add((workload, system))
+    return f"{system} {shown}"
+
+
 def run_all(names, systems):
     results.update({"machine": machine(), "seconds": {}, "changes": CHANGES, "small requests": SMALL_REQUESTS})
     systems = probe(systems)
-    for workload in names:
-        takers = [system for system in systems if system in WORKLOADS[workload][1]]
-        for turn in range(args.rounds):
-            line = [f"{workload} {turn + 1}/{args.rounds}:"]
-            # Nobody is always the first.
-            for system in takers[turn % max(len(takers), 1):] + takers[:turn % max(len(takers), 1)]:
-                try:
-                    line.append(f"{system} {measure(workload, system)},")
-                except (OSError, RuntimeError, subprocess.SubprocessError) as error:
-                    line.append(f"{system} failed ({error}),")
-                    results.setdefault("failed", {}).setdefault(workload, []).append(system)
-            say(" ".join(line).rstrip(","))
+    # The sizes of the growing directory take turns as well.
+    for _, group in itertools.groupby(names, lambda name: name.split("-")[0]):
+        group = list(group)
+        for turn, workload in itertools.product(range(args.rounds), group):
+            takers = [system for system in systems if system in WORKLOADS[workload][1]]
+            first = turn % max(len(takers), 1)  # nobody is always the first
+            shown = [turn_of(workload, system) for system in takers[first:] + takers[:first]]
+            say(f"{workload} {turn + 1}/{args.rounds}: " + ", ".join(filter(None, shown)))
 
 
 def chosen(text, known, what):
-    names = [name.strip() for name in text.split(",")] if text else list(known)
-    for name in names:
-        if name not in known:
+    wanted = text.split(",") if text else list(known)
+    for name in wanted:
+        if not any(name in (each, each.split("-")[0]) for each in known):
             sys.exit(f"no such {what}: {name}; there are: {', '.join(known)}")
-    return names
+    return [name for name in known if name in wanted or what == "workload" and name.split("-")[0] in wanted]
 
 
 def main():
     global args, work, data
     parser = argparse.ArgumentParser(prog="bench/compare", description=__doc__)
-    parser.add_argument("--rounds", type=int, default=3, help="turns of each system at each workload")
+    parser.add_argument("--rounds", type=int, default=5, help="turns of each system at each workload")
     parser.add_argument("--only", metavar="WORKLOAD,..", help=", ".join(WORKLOADS))
     parser.add_argument("--systems", metavar="SYSTEM,..", help=", ".join(SYSTEMS))
     parser.add_argument("--quick", action="store_true", help="one round, without the largest directories")
