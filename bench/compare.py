@@ -22,11 +22,12 @@ import report
 BLOCK = 131072
 FILE_SIZE = 256 << 20
 READERS = 8
-RANDOM_READS = 2000
-STATS = 20000
+RANDOM_READS = 1000
+STATS = 10000
 CHANGES = 500
 SMALL_REQUESTS = 2000
-SLOW = 12  # seconds of a turn
+ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+SLOW = 8  # seconds of a turn
 SCALES = (25000, 50000, 100000, 200000)
 
 args = None  # command line
@@ -41,6 +42,12 @@ mount_numbers = itertools.count()
 
 def say(text):
     print(text, file=sys.stderr, flush=True)
+
+
+def end(number, _):
+    for each in ENDING:
+        signal.signal(each, signal.SIG_IGN)  # the clean-up is not interrupted
+    sys.exit(128 + number)
 
 
 def tool(name):
@@ -211,10 +218,6 @@ def kelvane(point, uncached, *options):
     return [tool("kelvane_vfs"), urls["storage"], "Bench (compare)", "-f", *options, *timeouts, point]
 
 
-def kelvane_single(point, uncached):
-    return kelvane(point, uncached, "-s")
-
-
 def pass_through(point, uncached):
     timeouts = ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
     return [tool("pass_through"), data, "-f", *timeouts, point]
@@ -224,10 +227,6 @@ def rclone(point, uncached, mode="off"):
     return ["rclone", "mount", ":webdav:", point, "--webdav-url", urls["nginx"], "--webdav-vendor", "other", "--config",
             work / "rclone.conf", "--cache-dir", work / f"{point.name}.cache", "--vfs-cache-mode", mode,
             *(["--attr-timeout", "0s"] if uncached else [])]
-
-
-def rclone_writes(point, uncached):
-    return rclone(point, uncached, "writes")
 
 
 def davfs2(point, _):
@@ -251,9 +250,9 @@ def sshfs(point, uncached):
 
 SYSTEMS = {  # name: (command line of a mount, server)
     "kelvane": (kelvane, "storage"),
-    "kelvane -s": (kelvane_single, "storage"),
+    "kelvane -s": (lambda *where: kelvane(*where, "-s"), "storage"),
     "rclone": (rclone, "nginx"),
-    "rclone-writes": (rclone_writes, "nginx"),
+    "rclone-writes": (lambda *where: rclone(*where, "writes"), "nginx"),
     "davfs2": (davfs2, "nginx"),
     "sshfs": (sshfs, "sshd"),
     "pass-through": (pass_through, None),
@@ -288,6 +287,7 @@ def mounted(system, uncached=False, log=None):
             os.set_blocking(process.stdout.fileno(), False)
             line = process.stdout.readline()
             if not line:
+                stop(process)
                 raise RuntimeError(f"{system} does not mount")
             yield point, process, float(line)
         finally:
@@ -480,7 +480,8 @@ def probe(systems):
 def machine():
     cpu = re.search(r"model name\s*:\s*(.*)", pathlib.Path("/proc/cpuinfo").read_text())
     return {"cpu": cpu[1] if cpu else platform.machine(), "cores": os.cpu_count(), "kernel": platform.release(),
-            "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": args.rounds}
+            "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": args.rounds,
+            "load": os.getloadavg()[0]}
 
 
 def turn_of(workload, system):
@@ -493,7 +494,7 @@ def turn_of(workload, system):
     except (OSError, RuntimeError, subprocess.SubprocessError) as error:
         results.setdefault("failed", {}).setdefault(workload, []).append(system)
         shown = f"failed ({error})"
-    if time.perf_counter() - start > SLOW:
+    if time.perf_counter() - start > SLOW and not system.startswith("kelvane"):
         slow.add((workload, system))
     return f"{system} {shown}"
 
@@ -536,8 +537,8 @@ def main():
         args.rounds = 1
         names = [name for name in names if name not in ("growth-100000", "growth-200000")]
     output = args.output or args.build / "results"
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
+    for number in ENDING:
+        signal.signal(number, end)
 
     # In memory, so that no disk is measured.
     shared = "/dev/shm" if os.access("/dev/shm", os.W_OK) and shutil.disk_usage("/dev/shm").free > 4 << 30 else None
@@ -550,8 +551,6 @@ def main():
             make_data(names)
             start_servers(stack)
             run_all(names, systems)
-    except KeyboardInterrupt:
-        sys.exit(130)
     finally:
         # Never through a mount that would not go away.
         subprocess.run(["rm", "-rf", "--one-file-system", work])

@@ -8,10 +8,10 @@ TITLES = {  # metric: (what is timed, workload that it belongs to)
     "cold find": ("cold `find -ls`, 10,000 files", "find"),
     "warm find": ("warm `find -ls`, 10,000 files", "find"),
     "large": ("cold `find -ls`, 50,000 entries in one folder", "large"),
-    "stat": ("20,000 `stat`, kernel caching off", "stat"),
+    "stat": ("10,000 `stat`, kernel caching off", "stat"),
     "read": ("sequential read, 256 MiB", "read"),
     "readers": ("8 readers at once, 32 MiB each", "readers"),
-    "random": ("2,000 random reads of 4 KiB", "random"),
+    "random": ("1,000 random reads of 4 KiB", "random"),
     "write": ("sequential write, 256 MiB, to the end of `close`", "write"),
     "create": ("500 files of 4 KiB created", "changes"),
     "rename": ("500 renames", "changes"),
@@ -151,7 +151,8 @@ def goals_table(results):
 
 def notes(results):
     machine = results["machine"]
-    lines = [f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; {machine['rounds']} rounds. "
+    lines = [f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; {machine['rounds']} rounds; "
+             f"load average at the start {machine['load']:.1f}. "
              "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster."]
     if not machine["dropped"]:
         lines.append("The kernel's caches could not be dropped.")
