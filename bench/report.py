@@ -118,7 +118,8 @@ def goals(results):
     beside_best("large", "<")
     sizes = sorted(int(metric.split()[0]) for metric in results["seconds"] if metric.endswith(" entries"))
     if len(sizes) > 1:
-        grown = paired(results, (f"{sizes[-1]} entries", "kelvane"), (f"{sizes[0]} entries", "kelvane"))
+        # The smallest times: other work on the machine only ever adds to the few there are.
+        grown = ratio(*(min(results["seconds"][f"{size} entries"]["kelvane"]) for size in (sizes[-1], sizes[0])))
         goal(f"time per entry, {sizes[-1]:,} : {sizes[0]:,}", ratio(grown, sizes[-1] / sizes[0]), "<=", 1.15)
     goal("sequential read, speed : curl", ratio(1, beside("read", "curl")), ">=", 0.8)
     beside_best("read", "<")

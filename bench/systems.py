@@ -69,6 +69,15 @@ def usage(process):
     return cpu, peak, resident
 
 
+def files_in_use(process):
+    """The programs and libraries of what was mounted."""
+    names = set()
+    for pid in processes_below(process.pid):
+        with contextlib.suppress(OSError):
+            names.update(re.findall(r" (/.+)$", pathlib.Path(f"/proc/{pid}/maps").read_text(), re.M))
+    return set(filter(os.path.isfile, names))
+
+
 # Servers: one of each for the whole run, all on the same folder.
 
 
