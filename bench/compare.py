@@ -283,9 +283,10 @@ def run_all(names, wanted, rounds):
 
 
 def chosen(text, known, what):
+    """The names that are asked for, in their usual order; `growth` stands for all its sizes."""
     wanted = text.split(",") if text else list(known)
     for name in wanted:
-        if not any(name in (each, each.split("-")[0]) for each in known):
+        if name not in known and not any(each.startswith(f"{name}-") for each in known if what == "workload"):
             sys.exit(f"no such {what}: {name}; there are: {', '.join(known)}")
     return [name for name in known if name in wanted or what == "workload" and name.split("-")[0] in wanted]
 
