@@ -8,94 +8,43 @@ import os
 import pathlib
 import platform
 import re
-import select
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
 
 import report
+import systems
+from systems import SYSTEMS, mounted, tool, urls
 
 BLOCK = 131072
 FILE_SIZE = 256 << 20
 READERS = 8
-RANDOM_READS = 2000
-STATS = 20000
+RANDOM_READS = 1000
+STATS = 10000
 CHANGES = 500
-SMALL_REQUESTS = 3000
+SMALL_REQUESTS = 2000
 SCALES = (25000, 50000, 100000, 200000)
+SLOW = 8  # seconds of a turn
+ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
-args = None  # command line
-work = None  # everything that a run makes lies below this folder and goes with it
 data = None  # what all servers serve
-urls = {}  # server -> where it serves
 results = {}
 changes_made = {}  # metric -> requests that the daemon makes for it
-mount_numbers = itertools.count()
+programs = {}  # system -> files of its programs and of those that measure it
+slow = set()  # (workload, system) that took longer than SLOW
 
 
 def say(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def tool(name):
-    return str(args.build / name)
-
-
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
-
-
-# Processes: in sessions of their own, so that a Ctrl-C reaches this program alone.
-
-
-def launch(command, log, **options):
-    environment = {**os.environ, "HOME": str(work), "LC_ALL": "C.UTF-8"}
-    return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stderr=log, env=environment,
-                            start_new_session=True, **options)
-
-
-def processes_below(pid):
-    parents = {}
-    for entry in os.listdir("/proc"):
-        with contextlib.suppress(OSError):
-            if entry.isdigit():
-                parents[int(entry)] = int(pathlib.Path("/proc", entry, "stat").read_text().rsplit(")", 1)[1].split()[1])
-    below = [pid]
-    for parent in below:
-        below += [child for child, its_parent in parents.items() if its_parent == parent]
-    return below[1:]
-
-
-def stop(process):
-    for pid in [*processes_below(process.pid), process.pid]:
-        with contextlib.suppress(OSError):
-            os.kill(pid, signal.SIGTERM)
-    try:
-        process.wait(5)
-    except subprocess.TimeoutExpired:
-        for pid in [*processes_below(process.pid), process.pid]:
-            with contextlib.suppress(OSError):
-                os.kill(pid, signal.SIGKILL)
-        process.wait()
-
-
-def usage(process):
-    """CPU seconds so far, peak and present memory in bytes of what was mounted, its helpers included."""
-    cpu = peak = resident = 0
-    for pid in processes_below(process.pid):
-        with contextlib.suppress(OSError, TypeError):
-            fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-            cpu += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-            status = pathlib.Path(f"/proc/{pid}/status").read_text()
-            peak += int(re.search(r"VmHWM:\s+(\d+)", status)[1]) << 10
-            resident += int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10
-    return cpu, peak, resident
+def end(number, _):
+    for each in ENDING:
+        signal.signal(each, signal.SIG_IGN)  # the clean-up is not interrupted
+    sys.exit(128 + number)
 
 
 def load(*words):
@@ -110,186 +59,6 @@ def curl(requests, good=(200, 204, 206)):
     if requests and int(status) not in good:
         raise RuntimeError(f"status {status} for {requests[-1]}")
     return float(seconds)
-
-
-# Servers: one of each for the whole run, all on the same folder.
-
-
-def start_storage(log):
-    server = launch([tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
-    urls["storage"] = server.stdout.readline().strip()
-    return server
-
-
-def start_nginx(log):
-    port = free_port()
-    folder = work / "nginx"
-    folder.mkdir()
-    (folder / "nginx.conf").write_text(f"""
-{"user root;" if os.getuid() == 0 else ""}
-worker_processes auto;
-daemon off;
-pid {folder}/pid;
-error_log {folder}/error.log;
-load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
-events {{}}
-http {{
-    access_log off;
-    sendfile on;
-    tcp_nopush on;
-    keepalive_requests 1000000;
-    client_max_body_size 0;
-    client_body_temp_path {folder}/body;
-    proxy_temp_path {folder}/proxy;
-    fastcgi_temp_path {folder}/fastcgi;
-    uwsgi_temp_path {folder}/uwsgi;
-    scgi_temp_path {folder}/scgi;
-    server {{
-        listen 127.0.0.1:{port};
-        root {data};
-        dav_methods PUT DELETE MKCOL COPY MOVE;
-        dav_ext_methods PROPFIND OPTIONS;
-        create_full_put_path on;
-    }}
-}}
-""")
-    urls["nginx"] = f"http://127.0.0.1:{port}/"
-    return launch(["nginx", "-c", folder / "nginx.conf", "-e", folder / "error.log"], log)
-
-
-def start_sshd(log):
-    port = free_port()
-    folder = work / "ssh"
-    folder.mkdir(mode=0o700)
-    for name in ("host", "user"):
-        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / name], check=True)
-    (folder / "sshd_config").write_text(f"""
-Port {port}
-ListenAddress 127.0.0.1
-HostKey {folder}/host
-PidFile none
-UsePAM no
-StrictModes no
-PermitRootLogin yes
-AuthorizedKeysFile {folder}/user.pub
-Subsystem sftp internal-sftp
-""")
-    urls["sshd"] = f"127.0.0.1:{data}"
-    urls["sshd port"] = str(port)
-    return launch([shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", folder / "sshd_config"], log)
-
-
-def wait_for_port(name, port):
-    for _ in range(100):
-        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), 1):
-            return
-        time.sleep(0.05)
-    raise RuntimeError(f"{name} does not listen")
-
-
-def start_servers(stack):
-    if os.getuid() == 0 and not os.path.isdir("/run/sshd"):
-        os.mkdir("/run/sshd", 0o755)
-        stack.callback(os.rmdir, "/run/sshd")
-    for name, start in {"storage": start_storage, "nginx": start_nginx, "sshd": start_sshd}.items():
-        log = stack.enter_context(open(work / f"{name}.log", "w"))
-        try:
-            stack.callback(stop, start(log))
-            wait_for_port(name, int(urls.get(f"{name} port") or urls[name].rstrip("/").rsplit(":", 1)[1]))
-        except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
-            say(f"without {name}: {error}")
-            urls.pop(name, None)
-
-
-# Systems: how each is mounted. `uncached` asks for no trust of the kernel in attributes and names.
-
-
-def kelvane(point, uncached, *options):
-    timeouts = ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
-    return [tool("kelvane_vfs"), urls["storage"], "Bench (compare)", "-f", *options, *timeouts, point]
-
-
-def kelvane_single(point, uncached):
-    return kelvane(point, uncached, "-s")
-
-
-def pass_through(point, uncached):
-    timeouts = ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
-    return [tool("pass_through"), data, "-f", *timeouts, point]
-
-
-def rclone(point, uncached, mode="off"):
-    return ["rclone", "mount", ":webdav:", point, "--webdav-url", urls["nginx"], "--webdav-vendor", "other", "--config",
-            work / "rclone.conf", "--cache-dir", work / f"{point.name}.cache", "--vfs-cache-mode", mode,
-            *(["--attr-timeout", "0s"] if uncached else [])]
-
-
-def rclone_writes(point, uncached):
-    return rclone(point, uncached, "writes")
-
-
-def davfs2(point, _):
-    cache = work / f"{point.name}.cache"
-    cache.mkdir()
-    cache.chmod(0o777)  # it gives up root's rights
-    settings = work / "davfs2.conf"
-    # With its own buffer of 16 KiB it fails to list folders for newer kernels, which ask for more at once.
-    settings.write_text(f"cache_dir {cache}\ncache_size 2048\nuse_locks 0\ndelay_upload 0\nask_auth 0\nbuf_size 256\n")
-    settings.chmod(0o600)
-    return ["mount.davfs", "-o", f"conf={settings}", urls["nginx"], point]
-
-
-def sshfs(point, uncached):
-    folder = work / "ssh"
-    options = [f"ssh_command=ssh -F /dev/null -i {folder}/user -o StrictHostKeyChecking=no "
-               f"-o UserKnownHostsFile=/dev/null -o BatchMode=yes -p {urls['sshd port']}"]
-    options += ["attr_timeout=0,entry_timeout=0"] if uncached else []
-    return ["sshfs", urls["sshd"], point, "-f", *itertools.chain.from_iterable(("-o", option) for option in options)]
-
-
-SYSTEMS = {  # name: (command line of a mount, server)
-    "kelvane": (kelvane, "storage"),
-    "kelvane -s": (kelvane_single, "storage"),
-    "rclone": (rclone, "nginx"),
-    "rclone-writes": (rclone_writes, "nginx"),
-    "davfs2": (davfs2, "nginx"),
-    "sshfs": (sshfs, "sshd"),
-    "pass-through": (pass_through, None),
-    "curl": (None, "storage"),
-}
-
-
-def unmount(point, process):
-    command = ["umount"] if os.getuid() == 0 else ["fusermount", "-u"]
-    for _ in range(20):
-        if subprocess.run([*command, point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL).returncode == 0 or not os.path.ismount(point):
-            break
-        time.sleep(0.1)
-    else:
-        subprocess.run([*command, "-l" if command == ["umount"] else "-z", point])
-    with contextlib.suppress(subprocess.TimeoutExpired):
-        process.wait(60)
-    stop(process)
-    point.rmdir()
-
-
-@contextlib.contextmanager
-def mounted(system, uncached=False, log=None):
-    """A fresh mount; gives its folder, the process that holds it and the seconds to its first listing."""
-    point = work / "mounts" / str(next(mount_numbers))
-    point.mkdir(parents=True)
-    with open(log or os.devnull if system.startswith("kelvane") else work / f"{system}.log", "w") as errors:
-        command = SYSTEMS[system][0](point, uncached)
-        process = launch([tool("load"), "mount", point, *command], errors, stdout=subprocess.PIPE, text=True)
-        try:
-            select.select([process.stdout], [], [], 30)
-            os.set_blocking(process.stdout.fileno(), False)
-            line = process.stdout.readline()
-            if not line:
-                raise RuntimeError(f"{system} does not mount")
-            yield point, process, float(line)
-        finally:
-            unmount(point, process)
 
 
 # Workloads: each gets the folder of a mount, or None for plain libcurl, and gives seconds by metric.
@@ -329,6 +98,7 @@ def eight_readers(folder):
 def random_reads(folder):
     if folder:
         return {"random": load("random", folder / "data" / "big", RANDOM_READS)}
+    # The server has the file in memory; the places do not matter to it.
     return {"random": curl(read_ranges(RANDOM_READS * 4096, 4096))}
 
 
@@ -343,7 +113,8 @@ def sequential_write(folder):
 def changes(folder):
     if not folder:
         # A removal ends with the question whether the file is still there.
-        return {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
+        seconds = {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
+        return {**seconds, **small_requests(None)}
     return {"create": load("create", folder / "work", CHANGES, 4096), "rename": load("rename", folder / "work", CHANGES),
             "remove": load("remove", folder / "work", CHANGES)}
 
@@ -378,7 +149,7 @@ def traced_requests():
     """The requests that the daemon makes for each kind of change, in its order, from its trace."""
     if changes_made:
         return changes_made
-    log = work / "trace"
+    log = systems.work / "trace"
     with mounted("kelvane", log=log) as (folder, _, _):
         for metric, words in {"create": (CHANGES, 4096), "rename": (CHANGES,), "remove": (CHANGES,)}.items():
             before = log.stat().st_size
@@ -418,11 +189,12 @@ def make_data(names):
             load("create", data / f"entries{count}", count, 0)
 
 
-def drop_caches():
+def drop_caches(system):
     with contextlib.suppress(OSError):
         pathlib.Path("/proc/sys/vm/drop_caches").write_text("3")
     # The programs themselves are not what is measured.
-    subprocess.run(["find", "--version"], stdout=subprocess.DEVNULL)
+    for name in programs.get(system, ()):
+        pathlib.Path(name).read_bytes()
 
 
 def add(table, row, system, value):
@@ -438,16 +210,16 @@ def measure(workload, system):
     else:
         # A start from a cold disk would be the disk's time.
         if workload != "start":
-            drop_caches()
+            drop_caches(system)
         with mounted(system, workload == "stat") as (folder, process, first):
-            before = usage(process)[0]
+            before = systems.usage(process)[0] if workload != "start" else 0
             seconds = run(folder)
             if workload == "start":
                 seconds = {"start": first}
             if workload == "write":
                 written = data / "work" / "big"
                 add("stored", workload, system, written.exists() and written.stat().st_size == FILE_SIZE)
-            cpu, peak, resident = usage(process)
+            cpu, peak, resident = systems.usage(process)
             for table, value in (("cpu", cpu - before), ("peak", peak), ("resident", resident)):
                 add(table, workload, system, value)
     for metric, value in seconds.items():
@@ -456,17 +228,17 @@ def measure(workload, system):
     return " + ".join(f"{value:.3f}" for value in seconds.values())
 
 
-def probe(systems):
-    """Those that can be mounted here; this also brings their programs into memory."""
+def probe(wanted):
+    """Those that can be mounted here."""
     usable = []
-    for system in systems:
+    for system in wanted:
         command, server = SYSTEMS[system]
         try:
             if server is not None and server not in urls:
                 raise RuntimeError(f"{server} is not there")
             if command is not None:
-                with mounted(system):
-                    pass
+                with mounted(system) as (_, process, _):
+                    programs[system] = systems.files_in_use(process) | {shutil.which("find"), tool("load")}
             usable.append(system)
         except (OSError, RuntimeError) as error:
             say(f"without {system}: {error}")
@@ -474,41 +246,55 @@ def probe(systems):
     return usable
 
 
-def machine():
+def machine(rounds):
     cpu = re.search(r"model name\s*:\s*(.*)", pathlib.Path("/proc/cpuinfo").read_text())
     return {"cpu": cpu[1] if cpu else platform.machine(), "cores": os.cpu_count(), "kernel": platform.release(),
-            "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": args.rounds}
+            "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": rounds,
+            "load": os.getloadavg()[0]}
 
 
-def run_all(names, systems):
-    results.update({"machine": machine(), "seconds": {}, "changes": CHANGES, "small requests": SMALL_REQUESTS})
-    systems = probe(systems)
-    for workload in names:
-        takers = [system for system in systems if system in WORKLOADS[workload][1]]
-        for turn in range(args.rounds):
-            line = [f"{workload} {turn + 1}/{args.rounds}:"]
-            # Nobody is always the first.
-            for system in takers[turn % max(len(takers), 1):] + takers[:turn % max(len(takers), 1)]:
-                try:
-                    line.append(f"{system} {measure(workload, system)},")
-                except (OSError, RuntimeError, subprocess.SubprocessError) as error:
-                    line.append(f"{system} failed ({error}),")
-                    results.setdefault("failed", {}).setdefault(workload, []).append(system)
-            say(" ".join(line).rstrip(","))
+def turn_of(workload, system):
+    """What to show of a turn; systems that take very long at something do it once."""
+    if (workload, system) in slow:
+        return None
+    start = time.perf_counter()
+    try:
+        shown = measure(workload, system)
+    except (OSError, RuntimeError, subprocess.SubprocessError) as error:
+        results.setdefault("failed", {}).setdefault(workload, []).append(system)
+        shown = f"failed ({error})"
+    if time.perf_counter() - start > SLOW and not system.startswith("kelvane"):
+        slow.add((workload, system))
+    return f"{system} {shown}"
+
+
+def run_all(names, wanted, rounds):
+    results.update({"machine": machine(rounds), "seconds": {}, "changes": CHANGES, "small requests": SMALL_REQUESTS})
+    usable = probe(wanted)
+    # The sizes of the growing directory take turns as well.
+    for _, group in itertools.groupby(names, lambda name: name.split("-")[0]):
+        group = list(group)
+        turns = min(rounds, 3) if len(group) > 1 else rounds
+        for turn, workload in itertools.product(range(turns), group):
+            takers = [system for system in usable if system in WORKLOADS[workload][1]]
+            first = turn % max(len(takers), 1)  # nobody is always the first
+            shown = [turn_of(workload, system) for system in takers[first:] + takers[:first]]
+            say(f"{workload} {turn + 1}/{turns}: " + ", ".join(filter(None, shown)))
 
 
 def chosen(text, known, what):
-    names = [name.strip() for name in text.split(",")] if text else list(known)
-    for name in names:
-        if name not in known:
+    """The names that are asked for, in their usual order; `growth` stands for all its sizes."""
+    wanted = text.split(",") if text else list(known)
+    for name in wanted:
+        if name not in known and not any(each.startswith(f"{name}-") for each in known if what == "workload"):
             sys.exit(f"no such {what}: {name}; there are: {', '.join(known)}")
-    return names
+    return [name for name in known if name in wanted or what == "workload" and name.split("-")[0] in wanted]
 
 
 def main():
-    global args, work, data
+    global data
     parser = argparse.ArgumentParser(prog="bench/compare", description=__doc__)
-    parser.add_argument("--rounds", type=int, default=3, help="turns of each system at each workload")
+    parser.add_argument("--rounds", type=int, default=5, help="turns of each system at each workload")
     parser.add_argument("--only", metavar="WORKLOAD,..", help=", ".join(WORKLOADS))
     parser.add_argument("--systems", metavar="SYSTEM,..", help=", ".join(SYSTEMS))
     parser.add_argument("--quick", action="store_true", help="one round, without the largest directories")
@@ -517,13 +303,11 @@ def main():
     parser.add_argument("--build", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
     args = parser.parse_args()
     names = chosen(args.only, WORKLOADS, "workload")
-    systems = chosen(args.systems, SYSTEMS, "system")
+    wanted = chosen(args.systems, SYSTEMS, "system")
     if args.quick:
-        args.rounds = 1
         names = [name for name in names if name not in ("growth-100000", "growth-200000")]
-    output = args.output or args.build / "results"
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(143))
-    signal.signal(signal.SIGHUP, lambda *_: sys.exit(129))
+    for number in ENDING:
+        signal.signal(number, end)
 
     # In memory, so that no disk is measured.
     shared = "/dev/shm" if os.access("/dev/shm", os.W_OK) and shutil.disk_usage("/dev/shm").free > 4 << 30 else None
@@ -531,19 +315,17 @@ def main():
     work.chmod(0o711)
     data = work / "served"
     data.mkdir()
+    systems.build, systems.work, systems.data = args.build, work, data
     try:
         with contextlib.ExitStack() as stack:
             make_data(names)
-            start_servers(stack)
-            run_all(names, systems)
-    except KeyboardInterrupt:
-        sys.exit(130)
+            systems.start_servers(stack, say)
+            run_all(names, wanted, 1 if args.quick else args.rounds)
     finally:
         # Never through a mount that would not go away.
         subprocess.run(["rm", "-rf", "--one-file-system", work])
-    output.mkdir(parents=True, exist_ok=True)
-    (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
-    report.write(results, output, pathlib.Path(__file__).parent.parent / "docs" if args.write_docs else None)
+    report.write(results, args.output or args.build / "results",
+                 pathlib.Path(__file__).parent.parent / "docs" if args.write_docs else None)
 
 
 if __name__ == "__main__":

@@ -1,0 +1,255 @@
+"""What is compared: the servers, how each system is mounted from them, and what its processes use."""
+import contextlib
+import itertools
+import os
+import pathlib
+import re
+import select
+import shutil
+import signal
+import socket
+import subprocess
+import time
+
+build = None  # folder of the programs that are built here
+work = None  # everything that a run makes lies below this folder
+data = None  # what all servers serve
+urls = {}  # server -> where it serves
+mount_numbers = itertools.count()
+
+
+def tool(name):
+    return str(build / name)
+
+
+# Processes: in sessions of their own, so that a Ctrl-C reaches the comparison alone.
+
+
+def launch(command, log, **options):
+    return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stderr=log, start_new_session=True,
+                            env={**os.environ, "HOME": str(work), "LC_ALL": "C.UTF-8"}, **options)
+
+
+def fields_of(pid):
+    """What /proc says of a process, from its state on."""
+    return pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+
+
+def processes_below(pid):
+    parents = {}
+    for entry in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError):
+            parents[int(entry)] = int(fields_of(entry)[1])
+    below = [pid]
+    for parent in below:
+        below += [child for child, its_parent in parents.items() if its_parent == parent]
+    return below[1:]
+
+
+def stop(process):
+    for number in (signal.SIGTERM, signal.SIGKILL):
+        for pid in [*processes_below(process.pid), process.pid]:
+            with contextlib.suppress(OSError):
+                os.kill(pid, number)
+        with contextlib.suppress(subprocess.TimeoutExpired):
+            process.wait(5)
+            return
+
+
+def usage(process):
+    """CPU seconds so far, peak and present memory in bytes of what was mounted, its helpers included."""
+    cpu = peak = resident = 0
+    for pid in processes_below(process.pid):
+        with contextlib.suppress(OSError, TypeError):  # it may have ended
+            fields = fields_of(pid)
+            status = pathlib.Path(f"/proc/{pid}/status").read_text()
+            cpu += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+            peak += int(re.search(r"VmHWM:\s+(\d+)", status)[1]) << 10
+            resident += int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10
+    return cpu, peak, resident
+
+
+def files_in_use(process):
+    """The programs and libraries of what was mounted."""
+    names = set()
+    for pid in processes_below(process.pid):
+        with contextlib.suppress(OSError):
+            names.update(re.findall(r" (/.+)$", pathlib.Path(f"/proc/{pid}/maps").read_text(), re.M))
+    return set(filter(os.path.isfile, names))
+
+
+# Servers: one of each for the whole run, all on the same folder.
+
+
+def start_storage(folder, _, log):
+    server = launch([tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
+    urls["storage"] = server.stdout.readline().strip()
+    return server
+
+
+def start_nginx(folder, port, log):
+    kinds = ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
+    (folder / "nginx.conf").write_text(f"""
+{"user root;" if os.getuid() == 0 else ""}
+worker_processes auto;
+daemon off;
+pid {folder}/pid;
+load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
+events {{}}
+http {{
+    access_log off;
+    sendfile on;
+    tcp_nopush on;
+    keepalive_requests 1000000;
+    client_max_body_size 0;
+    {" ".join(f"{kind}_temp_path {folder}/{kind};" for kind in kinds)}
+    server {{
+        listen 127.0.0.1:{port};
+        root {data};
+        dav_methods PUT DELETE MKCOL COPY MOVE;
+        dav_ext_methods PROPFIND OPTIONS;
+    }}
+}}
+""")
+    urls["nginx"] = f"http://127.0.0.1:{port}/"
+    return launch(["nginx", "-c", folder / "nginx.conf", "-e", folder / "error.log"], log)
+
+
+def start_sshd(folder, port, log):
+    folder.chmod(0o700)
+    for name in ("host", "user"):
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / name], check=True)
+    (folder / "sshd_config").write_text(f"""
+Port {port}
+ListenAddress 127.0.0.1
+HostKey {folder}/host
+PidFile none
+UsePAM no
+StrictModes no
+PermitRootLogin yes
+AuthorizedKeysFile {folder}/user.pub
+Subsystem sftp internal-sftp
+""")
+    urls["sshd"] = f"127.0.0.1:{data}"
+    (folder / "ssh_config").write_text(f"""
+Port {port}
+IdentityFile {folder}/user
+StrictHostKeyChecking no
+UserKnownHostsFile /dev/null
+BatchMode yes
+""")
+    return launch([shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", folder / "sshd_config"], log)
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def wait_for_port(port):
+    for _ in range(100):
+        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), 1):
+            return
+        time.sleep(0.05)
+    raise RuntimeError(f"nothing listens on port {port}")
+
+
+def start_servers(stack, say):
+    if os.getuid() == 0 and not os.path.isdir("/run/sshd"):
+        os.mkdir("/run/sshd", 0o755)
+        stack.callback(os.rmdir, "/run/sshd")
+    for name, start in {"storage": start_storage, "nginx": start_nginx, "sshd": start_sshd}.items():
+        folder = work / name
+        folder.mkdir()
+        port = free_port()
+        log = stack.enter_context(open(folder / "log", "w"))
+        try:
+            stack.callback(stop, start(folder, port, log))
+            if name != "storage":
+                wait_for_port(port)
+        except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
+            say(f"without {name}: {error}")
+            urls.pop(name, None)
+
+
+# Systems: the command lines of mounts. `uncached` asks the kernel not to trust attributes and names.
+
+
+def timeouts(uncached):
+    return ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
+
+
+def kelvane(point, uncached, *options):
+    return [tool("kelvane_vfs"), urls["storage"], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
+
+
+def pass_through(point, uncached):
+    return [tool("pass_through"), data, "-f", *timeouts(uncached), point]
+
+
+def rclone(point, uncached, mode="off"):
+    return ["rclone", "mount", ":webdav:", point, "--webdav-url", urls["nginx"], "--webdav-vendor", "other", "--config",
+            work / "rclone.conf", "--cache-dir", work / f"cache{point.name}", "--vfs-cache-mode", mode,
+            *(["--attr-timeout", "0s"] if uncached else [])]
+
+
+def davfs2(point, _):
+    cache = work / f"cache{point.name}"
+    cache.mkdir()
+    cache.chmod(0o777)  # it gives up root's rights
+    settings = work / "davfs2.conf"
+    # With its own buffer of 16 KiB it fails to list folders for newer kernels, which ask for more at once.
+    settings.write_text(f"cache_dir {cache}\ncache_size 2048\nuse_locks 0\ndelay_upload 0\nask_auth 0\nbuf_size 256\n")
+    settings.chmod(0o600)
+    return ["mount.davfs", "-o", f"conf={settings}", urls["nginx"], point]
+
+
+def sshfs(point, uncached):
+    return ["sshfs", "-f", "-F", work / "sshd" / "ssh_config", urls["sshd"], point, *timeouts(uncached)]
+
+
+SYSTEMS = {  # name: (command line of a mount, server)
+    "kelvane": (kelvane, "storage"),
+    "kelvane -s": (lambda *where: kelvane(*where, "-s"), "storage"),
+    "rclone": (rclone, "nginx"),
+    "rclone-writes": (lambda *where: rclone(*where, "writes"), "nginx"),
+    "davfs2": (davfs2, "nginx"),
+    "sshfs": (sshfs, "sshd"),
+    "pass-through": (pass_through, None),
+    "curl": (None, "storage"),
+}
+
+
+def unmount(point, process):
+    unmounting, lazily = (["umount"], "-l") if os.getuid() == 0 else (["fusermount", "-u"], "-z")
+    for _ in range(20):
+        done = subprocess.run([*unmounting, point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        if done.returncode == 0 or not os.path.ismount(point):
+            break
+        time.sleep(0.1)
+    else:
+        subprocess.run([*unmounting, lazily, point])
+    with contextlib.suppress(subprocess.TimeoutExpired):
+        process.wait(60)  # data may still be on its way
+    stop(process)
+    point.rmdir()
+
+
+@contextlib.contextmanager
+def mounted(system, uncached=False, log=None):
+    """A fresh mount; gives its folder, the process that holds it and the seconds to its first listing."""
+    point = work / "mounts" / str(next(mount_numbers))
+    point.mkdir(parents=True)
+    with open(log or os.devnull if system.startswith("kelvane") else work / f"{system}.log", "w") as errors:
+        command = SYSTEMS[system][0](point, uncached)
+        process = launch([tool("load"), "mount", point, *command], errors, stdout=subprocess.PIPE, text=True)
+        try:
+            ready, _, _ = select.select([process.stdout], [], [], 30)
+            line = process.stdout.readline() if ready else ""
+            if not line:
+                stop(process)
+                raise RuntimeError(f"{system} does not mount")
+            yield point, process, float(line)
+        finally:
+            unmount(point, process)
