@@ -8,7 +8,6 @@
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <regex>
 #include <set>
 #include <sys/mount.h>
 #include <sys/resource.h>
@@ -74,6 +73,20 @@ struct StorageTest : testing::Test {
         return std::distance(begin(all), end(all));
     }
 };
+
+// Whether a reply is what the protocol page shows, where ":N" stands for some number.
+bool follows(const std::string& reply, const std::string& shown) {
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < shown.size(); ++i) {
+        const bool isNumber = shown[i] == 'N' && i > 0 && shown[i - 1] == ':';
+        const std::size_t length = isNumber ? std::min(reply.find_first_not_of("0123456789", at), reply.size()) - at : shown[i] == reply[at] ? 1 : 0;
+        if (length == 0) {
+            return false;
+        }
+        at += length;
+    }
+    return at == reply.size();
+}
 
 } // namespace
 
@@ -240,9 +253,7 @@ TEST_F(StorageTest, ConversesAsTheProtocolPageSays) {
             std::string headers;
             for (auto header = sent.begin() + 1; header < end; ++header) { headers += *header + "\r\n"; }
             const std::string reply = ask(sent[0], headers, end == sent.end() ? "" : sent.back());
-            std::string pattern = std::regex_replace(expected, std::regex(R"([{}\[\].])"), R"(\$&)");
-            pattern = std::regex_replace(pattern, std::regex(":N"), ":\\d+");
-            EXPECT_TRUE(std::regex_match(reply, std::regex(pattern))) << sent[0] << "\n" << reply;
+            EXPECT_TRUE(follows(reply, expected)) << sent[0] << "\n" << reply;
             const std::size_t action = sent[0].find("action=");
             actions.insert(action == std::string::npos ? "" : sent[0].substr(action, sent[0].find('&', action) - action));
         }
