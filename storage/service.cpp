@@ -9,6 +9,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -31,8 +32,9 @@ struct Exchange {
     std::string text; // path and query as they arrived
     Target target;
     bool judged = false;
-    unsigned refusal = 0; // HTTP status; 0 for a request that may go on
-    int file = -1;        // of an upload
+    unsigned refusal = 0;       // HTTP status; 0 for a request that may go on
+    int file = -1;              // of an upload
+    std::uint64_t declared = 0; // its length; 0 when it comes in chunks
     std::uint64_t received = 0;
 };
 
@@ -295,7 +297,8 @@ MHD_Result answer(MHD_Connection* connection, const Target& target) {
 // The file of an upload, opened before its body is asked for; the status that refuses it otherwise, or 0.
 unsigned beginUpload(MHD_Connection* connection, Exchange& exchange) {
     const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    if (length != nullptr && std::strtoull(length, nullptr, 10) > largestUpload) {
+    exchange.declared = length != nullptr ? std::strtoull(length, nullptr, 10) : 0;
+    if (exchange.declared > largestUpload) {
         return MHD_HTTP_CONTENT_TOO_LARGE;
     }
     exchange.file = openForWriting(exchange.target.path);
@@ -318,6 +321,14 @@ void storePiece(Exchange& exchange, const char* data, std::size_t size) {
             exchange.target.offset += written;
         }
     }
+}
+
+// The library does not hear of a client's end that comes together with the last bytes, and would keep the connection
+// and the file until the connection's time is over.
+bool hasVanished(MHD_Connection* connection, const Exchange& exchange) {
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    char next = 0;
+    return exchange.received < exchange.declared && recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
 }
 
 MHD_Result endUpload(MHD_Connection* connection, const Exchange& exchange) {
@@ -367,7 +378,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     if (*size > 0) {
         storePiece(exchange, data, *size);
         *size = 0;
-        return MHD_YES;
+        return hasVanished(connection, exchange) ? MHD_NO : MHD_YES;
     }
     return exchange.file >= 0 ? endUpload(connection, exchange) : answer(connection, exchange.target);
 }

@@ -179,7 +179,8 @@ TEST_F(OperationsTest, WritesInParts) {
             {131072, 0, {{131072, 200}}, 131072},
             {131073, 1, {{131072, 200}, {1, 299}}, 131073},
             {300000, 5000000000, {{131072, 201}, {131072, 204}, {37856, 200}}, 300000},
-            {300000, 0, {{131072, 200}, {131072, 500}}, -1},
+            {300000, 0, {{131072, 200}, {131072, 507}}, -1},
+            {131072, 9, {{131072, 500}}, -1},
             {10, 7, {{10, 300}}, -1},
     };
     for (const auto& row : rows) {
@@ -261,7 +262,7 @@ TEST_F(OperationsTest, ExtendedAttributes) {
 }
 
 TEST_F(OperationsTest, FirstGetattrInformsOnce) {
-    static char disk[] = "Documents (storage)";
+    static char disk[] = "Documents";
     finderName = disk;
     finderInformed = 0;
     attributesOf("/none", -2);

@@ -53,4 +53,4 @@ int connectTo(std::uint16_t port);
 // Sends `text` to a loopback port and returns everything that comes back until the other side closes or
 // `milliseconds` pass without a byte (then `silence` follows); half of the connection is shut down after sending if `finish` says so.
 inline const std::string silence = " [silence]";
-std::string talk(std::uint16_t port, const std::string& text, int milliseconds = 2000, bool finish = false);
+std::string talk(std::uint16_t port, const std::string& text, int milliseconds = 60000, bool finish = false);

@@ -6,10 +6,18 @@
 
 namespace {
 
-// Plain ASCII makes up nearly every path, and costs no conversion.
+bool isAscii(const char* text, std::size_t length) {
+    unsigned char bits = 0;
+    for (std::size_t i = 0; i < length; ++i) {
+        bits |= static_cast<unsigned char>(text[i]);
+    }
+    return bits < 0x80;
+}
+
+// Plain ASCII is the same in every form; it makes up nearly every path, and costs no conversion.
 const char* convert(const char* text, char (&result)[nameFormSize], NameForm form) {
     const std::size_t length = std::strlen(text);
-    if (isPlainName(text, length)) {
+    if (isAscii(text, length)) {
         checkedCopyBytes(result, sizeof result, text, length);
         return result;
     }

@@ -5,26 +5,9 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdlib>
 
 // Room for a form, terminator included.
 constexpr std::size_t nameFormSize = 1024;
-
-// True for a plain ASCII name of `length` bytes, whose four forms are the name itself; one that is too long for a form
-// ends the process, as its conversion would.
-inline bool isPlainName(const char* name, std::size_t length) {
-    unsigned char bits = 0;
-    for (std::size_t i = 0; i < length; ++i) {
-        bits |= static_cast<unsigned char>(name[i]);
-    }
-    if (bits >= 0x80) {
-        return false;
-    }
-    if (length >= nameFormSize) {
-        std::abort();
-    }
-    return true;
-}
 
 // Canonical composition (NFC).
 const char* precompose_string(const char* text);

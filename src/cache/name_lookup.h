@@ -8,8 +8,8 @@
 
 // Finds `name` in a table keyed by name: as given, then in its NFC, NFKC, NFD and NFKD spelling, first hit
 // wins; a name that cannot be converted stands for itself. All four conversions are made on every look-up, in
-// this order, hit or not and table or not, except for plain ASCII, of which it is known that it is its own form. The
-// caller holds the cache's lock, because the spellings lie in static areas.
+// this order, hit or not and table or not. The caller holds the cache's lock, because the spellings lie in
+// static areas.
 template <typename Record> Record* findInNameForms(Record* table, const char* name) {
     constexpr const char* (*forms[])(const char*) = {precompose_string, precompose_string2, decompose_string,
                                                      decompose_string2};
@@ -17,9 +17,6 @@ template <typename Record> Record* findInNameForms(Record* table, const char* na
     const std::size_t length = std::strlen(name);
     if (table != nullptr) {
         HASH_FIND(hh, table, name, length, found);
-    }
-    if (isPlainName(name, length)) {
-        return found;
     }
     for (const auto form : forms) {
         const char* spelling = form(name);

@@ -24,7 +24,7 @@ int main(int argc, char* argv[]) {
     checkedCopy(baseURL, sizeof baseURL, argv[1]);
     finderName = strdup(argv[2]);
     std::puts("kelvane_vfs starting");
-    forgetProxyVariables();
+    forgetLibraryVariables();
     initLibCurl();
     platformBeforeLoop();
     const int fuseResult = fuse_main_real(argc - 2, argv + 2, &kelvane_filesystem_operations,
