@@ -193,7 +193,7 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     checkedFormat(baseURL, sizeof baseURL, "http://127.0.0.1:%u/", static_cast<unsigned>(servicePort(service)));
-    forgetProxyVariables();
+    forgetLibraryVariables();
     initLibCurl();
     DirInit();
     fillCache();
