@@ -28,7 +28,6 @@ CHANGES = 500
 SMALL_REQUESTS = 2000
 SCALES = (25000, 50000, 100000, 200000)
 SLOW = 8  # seconds of a turn
-ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 
 data = None  # what all servers serve
 results = {}
@@ -39,12 +38,6 @@ slow = set()  # (workload, system) that took longer than SLOW
 
 def say(text):
     print(text, file=sys.stderr, flush=True)
-
-
-def end(number, _):
-    for each in ENDING:
-        signal.signal(each, signal.SIG_IGN)  # the clean-up is not interrupted
-    sys.exit(128 + number)
 
 
 def load(*words):
@@ -306,8 +299,8 @@ def main():
     wanted = chosen(args.systems, SYSTEMS, "system")
     if args.quick:
         names = [name for name in names if name not in ("growth-100000", "growth-200000")]
-    for number in ENDING:
-        signal.signal(number, end)
+    for number in systems.ENDING:
+        signal.signal(number, systems.end)
 
     # In memory, so that no disk is measured.
     shared = "/dev/shm" if os.access("/dev/shm", os.W_OK) and shutil.disk_usage("/dev/shm").free > 4 << 30 else None

@@ -9,6 +9,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import time
 
 build = None  # folder of the programs that are built here
@@ -20,6 +21,37 @@ mount_numbers = itertools.count()
 
 def tool(name):
     return str(build / name)
+
+
+# Ending: what would leave something behind is not cut in two, and the clean-up is not interrupted.
+
+ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
+shields = 0
+ended_by = 0
+
+
+def end(number, _):
+    global ended_by
+    for each in ENDING:
+        signal.signal(each, signal.SIG_IGN)
+    ended_by = number
+    if shields == 0:
+        sys.exit(128 + number)
+
+
+@contextlib.contextmanager
+def shielded():
+    """Puts the end by a signal off until the work is done."""
+    global shields, ended_by
+    shields += 1
+    try:
+        yield
+    finally:
+        shields -= 1
+        # Once: the clean-up that this begins has shields of its own.
+        if shields == 0 and ended_by != 0:
+            number, ended_by = ended_by, 0
+            sys.exit(128 + number)
 
 
 # Processes: in sessions of their own, so that a Ctrl-C reaches the comparison alone.
@@ -165,7 +197,8 @@ def start_servers(stack, say):
         port = free_port()
         log = stack.enter_context(open(folder / "log", "w"))
         try:
-            stack.callback(stop, start(folder, port, log))
+            with shielded():
+                stack.callback(stop, start(folder, port, log))
             if name != "storage":
                 wait_for_port(port)
         except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
@@ -221,10 +254,12 @@ SYSTEMS = {  # name: (command line of a mount, server)
 }
 
 
+@shielded()
 def unmount(point, process):
     unmounting, lazily = (["umount"], "-l") if os.getuid() == 0 else (["fusermount", "-u"], "-z")
     for _ in range(20):
-        done = subprocess.run([*unmounting, point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        done = subprocess.run([*unmounting, point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                              start_new_session=True)
         if done.returncode == 0 or not os.path.ismount(point):
             break
         time.sleep(0.1)
@@ -243,8 +278,10 @@ def mounted(system, uncached=False, log=None):
     point.mkdir(parents=True)
     with open(log or os.devnull if system.startswith("kelvane") else work / f"{system}.log", "w") as errors:
         command = SYSTEMS[system][0](point, uncached)
-        process = launch([tool("load"), "mount", point, *command], errors, stdout=subprocess.PIPE, text=True)
+        process = None
         try:
+            with shielded():
+                process = launch([tool("load"), "mount", point, *command], errors, stdout=subprocess.PIPE, text=True)
             ready, _, _ = select.select([process.stdout], [], [], 30)
             line = process.stdout.readline() if ready else ""
             if not line:
@@ -252,4 +289,5 @@ def mounted(system, uncached=False, log=None):
                 raise RuntimeError(f"{system} does not mount")
             yield point, process, float(line)
         finally:
-            unmount(point, process)
+            if process is not None:
+                unmount(point, process)
