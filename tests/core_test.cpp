@@ -285,6 +285,11 @@ TEST_F(CacheTest, ListingElements) {
                                    "{\"n\":\"..\",\"t\":4}", "{\"n\":\"x/y\",\"t\":8}", "7"})));
     DirGetEntry("/a");
     EXPECT_EQ(namesOf(dirEntryTop), "a,b,big,,..,x/y,");
+    // Every child has its line, but the kernel does not get what it cannot take.
+    std::string names;
+    const std::string lines = outputOf([&] { DirRead("/", &names, countEntries); });
+    EXPECT_EQ(names, "a,b,big,..,");
+    EXPECT_NE(lines.find("adding: \nCACHE-DirRead: adding: ..\nCACHE-DirRead: adding: x/y\n"), std::string::npos) << lines;
     const DirEntry* a = DirEntryFindChild(dirEntryTop, "a");
     const DirEntry* b = DirEntryFindChild(dirEntryTop, "b");
     const DirEntry* big = DirEntryFindChild(dirEntryTop, "big");

@@ -14,9 +14,8 @@ template <typename Record> Record* findInNameForms(Record* table, const char* na
     constexpr const char* (*forms[])(const char*) = {precompose_string, precompose_string2, decompose_string,
                                                      decompose_string2};
     Record* found = nullptr;
-    const std::size_t length = std::strlen(name);
     if (table != nullptr) {
-        HASH_FIND(hh, table, name, length, found);
+        HASH_FIND(hh, table, name, std::strlen(name), found);
     }
     for (const auto form : forms) {
         const char* spelling = form(name);

@@ -12,9 +12,8 @@ namespace {
 constexpr time_t cacheLifetime = 60;
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathAreaSize = 2048;
-// Half of it is room for the line of one more entry.
+constexpr char traceStart[] = "CACHE-DirRead: adding: ";
 constexpr std::size_t traceAreaSize = 4096;
-static_assert(longestKernelName < traceAreaSize / 2 - 32);
 
 void dropCache() {
     DirEntryFree(dirEntryTop);
@@ -126,15 +125,20 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
     char* end = trace;
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
-        if (isUnspeakable(child->name)) {
-            continue;
-        }
-        if (end > trace + traceAreaSize / 2) {
+        // The line's newline stands in the place of the start's terminator.
+        const std::size_t lineSize = sizeof traceStart + std::strlen(child->name);
+        if (lineSize >= static_cast<std::size_t>(trace + traceAreaSize - end)) {
             std::fwrite(trace, 1, end - trace, stdout);
             end = trace;
         }
-        end = stpcpy(stpcpy(stpcpy(end, "CACHE-DirRead: adding: "), child->name), "\n");
-        filler(buf, child->name, &child->st, 0);
+        if (lineSize >= traceAreaSize) {
+            std::printf("%s%s\n", traceStart, child->name);
+        } else {
+            end = stpcpy(stpcpy(stpcpy(end, traceStart), child->name), "\n");
+        }
+        if (!isUnspeakable(child->name)) {
+            filler(buf, child->name, &child->st, 0);
+        }
     }
     std::fwrite(trace, 1, end - trace, stdout);
     DirUnlock();
