@@ -1,21 +1,20 @@
 #include "storage/service.h"
 
+#include "storage/contents.h"
 #include "storage/replies.h"
+#include "storage/response.h"
 #include "storage/target.h"
 #include "storage/tree.h"
+#include "storage/uploads.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr std::uint64_t largestUpload = 1 << 20;
-constexpr std::uint64_t largestCopiedReply = 1 << 18;
 // The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
 // is the reading area.
 constexpr std::size_t connectionMemory = 64UL * 1024;
@@ -32,71 +31,9 @@ struct Exchange {
     std::string text; // path and query as they arrived
     Target target;
     bool judged = false;
-    unsigned refusal = 0;       // HTTP status; 0 for a request that may go on
-    int file = -1;              // of an upload
-    std::uint64_t declared = 0; // its length; 0 when it comes in chunks
-    std::uint64_t received = 0;
+    unsigned refusal = 0; // HTTP status; 0 for a request that may go on
+    Upload upload;
 };
-
-unsigned statusOf(int error) {
-    switch (-error) {
-    case ENOENT:
-    case ENOTDIR:
-    case EXDEV:
-    case ELOOP:
-    case ENAMETOOLONG:
-        return MHD_HTTP_NOT_FOUND;
-    case EACCES:
-    case EPERM:
-    case EROFS:
-    case EISDIR:
-    case ENXIO:
-    case ETXTBSY:
-        return MHD_HTTP_FORBIDDEN;
-    case EEXIST:
-    case ENOTEMPTY:
-    case EBUSY:
-        return MHD_HTTP_CONFLICT;
-    case EINVAL:
-        return MHD_HTTP_BAD_REQUEST;
-    case ENOSPC:
-    case EDQUOT:
-    case EFBIG:
-        return MHD_HTTP_INSUFFICIENT_STORAGE;
-    case EMFILE:
-    case ENFILE:
-    case ENOMEM:
-        return MHD_HTTP_SERVICE_UNAVAILABLE;
-    default:
-        return MHD_HTTP_INTERNAL_SERVER_ERROR;
-    }
-}
-
-MHD_Result send(MHD_Connection* connection, unsigned status, MHD_Response* response) {
-    if (response == nullptr) {
-        return MHD_NO;
-    }
-    const MHD_Result queued = MHD_queue_response(connection, status, response);
-    MHD_destroy_response(response);
-    return queued;
-}
-
-// A reply that is only its status. The body is empty because readers take whatever body comes for file data.
-MHD_Result sendStatus(MHD_Connection* connection, unsigned status) {
-    return send(connection, status, MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
-}
-
-MHD_Result sendJson(MHD_Connection* connection, std::string json) {
-    auto* kept = new std::string(std::move(json));
-    MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
-        kept->size(), kept->data(), [](void* text) { delete static_cast<std::string*>(text); }, kept);
-    if (response == nullptr) {
-        delete kept;
-    } else {
-        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
-    }
-    return send(connection, MHD_HTTP_OK, response);
-}
 
 // For the changes whose reply says nothing but whether they were made.
 MHD_Result sendOutcome(MHD_Connection* connection, int result) {
@@ -117,124 +54,6 @@ MHD_Result sendEnvelope(MHD_Connection* connection, int result) {
     }
 }
 
-// Up to `length` bytes of the file at `offset` on the heap: what is there now is what the reply declares,
-// also when somebody cuts the file short meanwhile.
-MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) {
-    auto* bytes = static_cast<char*>(std::malloc(length));
-    std::uint64_t count = 0;
-    while (bytes != nullptr && count < length) {
-        const ssize_t got = pread(file, bytes + count, length - count, static_cast<off_t>(offset + count));
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            std::free(bytes);
-            bytes = nullptr;
-        }
-        if (got <= 0) {
-            break;
-        }
-        count += got;
-    }
-    close(file);
-    length = count;
-    return bytes != nullptr ? MHD_create_response_from_buffer(count, bytes, MHD_RESPMEM_MUST_FREE) : nullptr;
-}
-
-// A long body, read as it is sent. The library's own sendfile would wait without end for a file that somebody has cut
-// short; here the reply breaks off instead.
-struct Stream {
-    int file;
-    std::uint64_t first;
-    int socket;
-};
-
-ssize_t readStream(void* context, std::uint64_t position, char* area, std::size_t size) {
-    const auto* stream = static_cast<const Stream*>(context);
-    const ssize_t count = pread(stream->file, area, size, static_cast<off_t>(stream->first + position));
-    if (count > 0) {
-        return count;
-    }
-    // The library may leave the connection of a failed body open; the client must not wait for the rest.
-    shutdown(stream->socket, SHUT_RDWR);
-    return MHD_CONTENT_READER_END_WITH_ERROR;
-}
-
-void endStream(void* context) {
-    auto* stream = static_cast<Stream*>(context);
-    close(stream->file);
-    delete stream;
-}
-
-MHD_Response* streamedBody(MHD_Connection* connection, int file, const Range& range) {
-    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-    auto* stream = new Stream{file, range.first, socket};
-    MHD_Response* response =
-        MHD_create_response_from_callback(range.length, largestCopiedReply, readStream, stream, endStream);
-    if (response == nullptr) {
-        endStream(stream);
-    }
-    return response;
-}
-
-MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
-    const char* header = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
-    Range range = {};
-    const RangeKind kind = parseRange(header, size, range);
-    MHD_Response* response = nullptr;
-    if (kind == RangeKind::unsatisfiable) {
-        close(file);
-        response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-    } else if (range.length <= largestCopiedReply) {
-        response = copiedBody(file, range.first, range.length);
-    } else {
-        response = streamedBody(connection, file, range);
-    }
-    if (response == nullptr) {
-        return sendStatus(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
-    }
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
-    MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
-    if (kind == RangeKind::whole) {
-        return send(connection, MHD_HTTP_OK, response);
-    }
-    const std::string total = std::to_string(size);
-    if (kind == RangeKind::unsatisfiable || range.length == 0) {
-        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, ("bytes */" + total).c_str());
-        return send(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response);
-    }
-    const std::string span =
-        "bytes " + std::to_string(range.first) + "-" + std::to_string(range.first + range.length - 1) + "/" + total;
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, span.c_str());
-    return send(connection, MHD_HTTP_PARTIAL_CONTENT, response);
-}
-
-// A plain read: the listing of a directory, the content of a file.
-MHD_Result sendContent(MHD_Connection* connection, const std::string& path) {
-    // Looked at before it is opened, because opening a pipe or a device does something to it.
-    struct stat st;
-    if (const int result = statInTree(path, st); result != 0) {
-        return sendStatus(connection, statusOf(result));
-    }
-    if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
-        return sendStatus(connection, MHD_HTTP_FORBIDDEN);
-    }
-    const int descriptor = openInTree(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
-    if (descriptor < 0) {
-        return sendStatus(connection, statusOf(descriptor));
-    }
-    if (fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode)) {
-        return sendFile(connection, descriptor, st.st_size);
-    }
-    if (!S_ISDIR(st.st_mode)) {
-        close(descriptor);
-        return sendStatus(connection, MHD_HTTP_FORBIDDEN);
-    }
-    std::string listing;
-    const int result = listingObject(descriptor, path, listing);
-    return result == 0 ? sendJson(connection, std::move(listing)) : sendStatus(connection, statusOf(result));
-}
-
 MHD_Result sendStatistics(MHD_Connection* connection) {
     const int descriptor = openInTree("", O_PATH);
     struct statvfs volume;
@@ -245,30 +64,10 @@ MHD_Result sendStatistics(MHD_Connection* connection) {
     return result == 0 ? sendJson(connection, statisticsObject(volume)) : sendStatus(connection, statusOf(result));
 }
 
-int openForWriting(const std::string& path) {
-    const int descriptor = openInTree(path, O_WRONLY | O_NONBLOCK | O_NOCTTY);
-    struct stat st;
-    if (descriptor >= 0 && (fstat(descriptor, &st) != 0 || !S_ISREG(st.st_mode))) {
-        close(descriptor);
-        return -EPERM;
-    }
-    return descriptor;
-}
-
-int truncateInTree(const std::string& path, std::int64_t size) {
-    const int file = openForWriting(path);
-    if (file < 0) {
-        return file;
-    }
-    const int result = ftruncate(file, size) == 0 ? 0 : -errno;
-    close(file);
-    return result;
-}
-
 MHD_Result answer(MHD_Connection* connection, const Target& target) {
     switch (target.action) {
     case Action::plain:
-        return sendContent(connection, target.path);
+        return sendContents(connection, target.path);
     case Action::props: {
         struct stat st;
         const int result = statInTree(target.path, st);
@@ -294,51 +93,6 @@ MHD_Result answer(MHD_Connection* connection, const Target& target) {
     return sendStatus(connection, MHD_HTTP_METHOD_NOT_ALLOWED);
 }
 
-// The file of an upload, opened before its body is asked for; the status that refuses it otherwise, or 0.
-unsigned beginUpload(MHD_Connection* connection, Exchange& exchange) {
-    const char* length = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_CONTENT_LENGTH);
-    exchange.declared = length != nullptr ? std::strtoull(length, nullptr, 10) : 0;
-    if (exchange.declared > largestUpload) {
-        return MHD_HTTP_CONTENT_TOO_LARGE;
-    }
-    exchange.file = openForWriting(exchange.target.path);
-    return exchange.file < 0 ? statusOf(exchange.file) : 0;
-}
-
-// Writes a piece of an upload where it belongs; after the first failure the rest of the body is only read.
-void storePiece(Exchange& exchange, const char* data, std::size_t size) {
-    exchange.received += size;
-    if (exchange.received > largestUpload) {
-        exchange.refusal = MHD_HTTP_CONTENT_TOO_LARGE;
-    }
-    while (size > 0 && exchange.refusal == 0 && exchange.file >= 0) {
-        const ssize_t written = pwrite(exchange.file, data, size, exchange.target.offset);
-        if (written < 0 && errno != EINTR) {
-            exchange.refusal = statusOf(-errno);
-        } else if (written > 0) {
-            data += written;
-            size -= written;
-            exchange.target.offset += written;
-        }
-    }
-}
-
-// The library does not hear of a client's end that comes together with the last bytes, and would keep the connection
-// and the file until the connection's time is over.
-bool hasVanished(MHD_Connection* connection, const Exchange& exchange) {
-    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-    char next = 0;
-    return exchange.received < exchange.declared && recv(socket, &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
-}
-
-MHD_Result endUpload(MHD_Connection* connection, const Exchange& exchange) {
-    struct stat st;
-    if (fstat(exchange.file, &st) != 0) {
-        return sendStatus(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
-    }
-    return sendJson(connection, attributeObject(st));
-}
-
 // Judges a request by its line and headers, and opens the file of an upload: 0, or the status that refuses
 // it.
 unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchange) {
@@ -356,7 +110,7 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
     if (service.readOnly && isChange(action)) {
         return MHD_HTTP_FORBIDDEN;
     }
-    return isUpload ? beginUpload(connection, exchange) : 0;
+    return isUpload ? beginUpload(connection, exchange.target, exchange.upload) : 0;
 }
 
 // Called once when the headers are there, then with each piece of the body, then once more. A reply that is
@@ -376,11 +130,11 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
         return MHD_YES;
     }
     if (*size > 0) {
-        storePiece(exchange, data, *size);
+        storePiece(exchange.upload, data, *size, exchange.refusal);
         *size = 0;
-        return hasVanished(connection, exchange) ? MHD_NO : MHD_YES;
+        return hasVanished(connection, exchange.upload) ? MHD_NO : MHD_YES;
     }
-    return exchange.file >= 0 ? endUpload(connection, exchange) : answer(connection, exchange.target);
+    return exchange.upload.file >= 0 ? endUpload(connection, exchange.upload) : answer(connection, exchange.target);
 }
 
 void* onRequestLine(void*, const char* text, MHD_Connection*) {
@@ -391,8 +145,8 @@ void* onRequestLine(void*, const char* text, MHD_Connection*) {
 
 void onCompleted(void*, MHD_Connection*, void** context, MHD_RequestTerminationCode) {
     auto* exchange = static_cast<Exchange*>(*context);
-    if (exchange != nullptr && exchange->file >= 0) {
-        close(exchange->file);
+    if (exchange != nullptr) {
+        releaseUpload(exchange->upload);
     }
     delete exchange;
     *context = nullptr;

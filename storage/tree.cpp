@@ -152,6 +152,26 @@ int createInTree(const std::string& path, unsigned mode) {
     return 0;
 }
 
+int openForWritingInTree(const std::string& path) {
+    const int descriptor = openInTree(path, O_WRONLY | O_NONBLOCK | O_NOCTTY);
+    struct stat st;
+    if (descriptor >= 0 && (fstat(descriptor, &st) != 0 || !S_ISREG(st.st_mode))) {
+        close(descriptor);
+        return -EPERM;
+    }
+    return descriptor;
+}
+
+int truncateInTree(const std::string& path, std::int64_t size) {
+    const int file = openForWritingInTree(path);
+    if (file < 0) {
+        return file;
+    }
+    const int result = ftruncate(file, size) == 0 ? 0 : -errno;
+    close(file);
+    return result;
+}
+
 int makeDirectoryInTree(const std::string& path) {
     if (!isUtf8(path.c_str())) {
         return -EINVAL;

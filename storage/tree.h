@@ -17,6 +17,12 @@ int openInTree(const std::string& path, std::uint64_t flags);
 // Attributes of what `path` leads to.
 int statInTree(const std::string& path, struct stat& st);
 
+// Opens the regular file at `path` to be written; -EPERM for anything else. The caller closes it.
+int openForWritingInTree(const std::string& path);
+
+// Cuts or extends the file at `path` to `size` bytes.
+int truncateInTree(const std::string& path, std::int64_t size);
+
 // Names that are not UTF-8 would never be listed, so none is made.
 
 // Makes a regular file with the permission bits of `mode` unless it is there already.
