@@ -12,6 +12,10 @@ int main(int argc, char* argv[]) {
     if (argc < 2) {
         return 1;
     }
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::puts("kelvane_vfs " KELVANE_VERSION);
+        return 0;
+    }
     if (argc == 2) {
         std::fputs("usage: kelvane_vfs BASE_URL DISK_NAME [FUSE options ...] MOUNT_POINT\n", stderr);
         return 1;
@@ -22,6 +26,8 @@ int main(int argc, char* argv[]) {
     mountPoint = argv[argc - 1];
     startExitThread();
     checkedCopy(baseURL, sizeof baseURL, argv[1]);
+    // A password or a secret in it would stay in the process list.
+    std::memset(argv[1], 0, std::strlen(argv[1]));
     finderName = strdup(argv[2]);
     std::puts("kelvane_vfs starting");
     forgetLibraryVariables();
