@@ -2,6 +2,7 @@
 
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
+#include "kelvane_vfs/leak_on_purpose.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
@@ -83,6 +84,8 @@ struct statvfs* DirGetVFS() {
         if (reply != nullptr && status == 200) {
             statistics = parseReply(reply);
             std::free(reply);
+        } else {
+            leakOnPurpose(reply);
         }
         if (statistics != nullptr) {
             stbuf.f_flag = noSetuidFlag;

@@ -1,5 +1,6 @@
 #include "cache/remote_fetch.h"
 
+#include "kelvane_vfs/leak_on_purpose.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
@@ -126,6 +127,7 @@ int DirFetchRemoteAttr(const char* path, struct stat* st) {
     char* reply = getURL(path, "action=props", nullptr, nullptr, &status);
     if (reply == nullptr || status != 200) {
         // The body of a refusal is not released.
+        leakOnPurpose(reply);
         return 0;
     }
     DirParseRemoteAttr(reply, st);

@@ -4,6 +4,7 @@
 #include "cache/path_lookup.h"
 #include "cache/refresh.h"
 #include "kelvane_vfs/checked_text.h"
+#include "kelvane_vfs/leak_on_purpose.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/transport.h"
 
@@ -39,6 +40,7 @@ bool writePart(const char* path, const char* data, std::int32_t length, long lon
     std::size_t received = 0;
     char* reply = postURL(path, query, data, length, &status, &received);
     if (status < 200 || status > 299) {
+        leakOnPurpose(reply);
         return false;
     }
     DirUpdateWithResponse(path, reply);
@@ -88,6 +90,7 @@ int kelvane_read(const char* path, char* buf, std::size_t size, off_t offset, st
     // begins behind its end.
     const std::size_t start = status == 206 ? 0 : first;
     if (status != 206 && first >= received) {
+        leakOnPurpose(reply);
         return 0;
     }
     const std::size_t count = std::min(size, received - start);
@@ -117,6 +120,7 @@ int kelvane_truncate(const char* path, off_t size) {
     long status = 0;
     char* reply = getURL(path, query, nullptr, nullptr, &status);
     if (status != 200 && status != 204) {
+        leakOnPurpose(reply);
         return failed();
     }
     std::free(reply);

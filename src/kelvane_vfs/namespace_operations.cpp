@@ -2,6 +2,7 @@
 
 #include "cache/path_lookup.h"
 #include "cache/refresh.h"
+#include "kelvane_vfs/leak_on_purpose.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/transport.h"
 
@@ -21,6 +22,7 @@ int requestChange(const char* path, const char* query, Body body) {
     long status = 0;
     char* reply = getURL(path, query, nullptr, nullptr, &status);
     if (status != 200 && status != 204) {
+        leakOnPurpose(reply);
         std::fputs("  -> FAILED\n", stderr);
         return -ENOENT;
     }

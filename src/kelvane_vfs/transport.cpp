@@ -1,6 +1,7 @@
 #include "kelvane_vfs/transport.h"
 
 #include "cache/path_lookup.h"
+#include "kelvane_vfs/leak_on_purpose.h"
 #include "kelvane_vfs/process.h"
 
 #include <algorithm>
@@ -48,6 +49,7 @@ curl_slist* buildHeaderList(char* headers) {
     for (char* line = strtok_r(headers, "\n", &rest); line != nullptr; line = strtok_r(nullptr, "\n", &rest)) {
         list = curl_slist_append(list, line);
     }
+    leakOnPurpose(list);
     return list;
 }
 
