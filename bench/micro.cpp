@@ -2,6 +2,7 @@
 //   build/bench/kelvane_micro [--benchmark_filter=REGEX ...]
 // The trace goes to nowhere, as it does with a daemon in the background.
 #include "cache/dir_entry.h"
+#include "cache/life.h"
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
 #include "kelvane_vfs/checked_text.h"

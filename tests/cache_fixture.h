@@ -2,6 +2,8 @@
 #pragma once
 
 #include "cache/dir_entry.h"
+#include "cache/life.h"
+#include "cache/volume_statistics.h"
 #include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/transport.h"

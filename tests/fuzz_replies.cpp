@@ -1,7 +1,9 @@
 // libFuzzer target: what the daemon makes of any reply. The first byte picks the request. A member that must be there
 // ends the daemon through abort(), which counts as survived here; everything else that goes wrong is a finding.
+#include "cache/life.h"
 #include "cache/refresh.h"
 #include "cache/remote_fetch.h"
+#include "cache/volume_statistics.h"
 #include "kelvane_vfs/protocol.h"
 
 #include <csetjmp>

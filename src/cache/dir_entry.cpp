@@ -1,8 +1,6 @@
 #include "cache/dir_entry.h"
 
 #include "cache/name_lookup.h"
-#include "cache/refresh.h"
-#include "cache/remote_fetch.h"
 #include "kelvane_vfs/leak_on_purpose.h"
 
 #include <cstdlib>
@@ -18,6 +16,16 @@ pthread_mutex_t mutex;
 pthread_mutexattr_t mutexattr;
 
 } // namespace
+
+void DirCreateLock() {
+    pthread_mutexattr_init(&mutexattr);
+    pthread_mutexattr_settype(&mutexattr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(&mutex, &mutexattr);
+}
+
+void DirDestroyLock() {
+    pthread_mutex_destroy(&mutex);
+}
 
 void DirLock() {
     pthread_mutex_lock(&mutex);
@@ -75,24 +83,4 @@ void DirEntryFree(DirEntry* entry) {
 
 DirEntry* DirEntryFindChild(const DirEntry* dir, const char* name) {
     return findInNameForms(dir->children, name);
-}
-
-void DirInit() {
-    pthread_mutexattr_init(&mutexattr);
-    pthread_mutexattr_settype(&mutexattr, PTHREAD_MUTEX_RECURSIVE);
-    pthread_mutex_init(&mutex, &mutexattr);
-
-    struct stat st;
-    DirFetchRemoteAttr("/", &st);
-    dirEntryTop = DirEntryNew("", directoryType, &st);
-    DirForgetVFS();
-}
-
-void DirDestroy() {
-    if (dirEntryTop == nullptr) {
-        return;
-    }
-    DirEntryFree(dirEntryTop);
-    dirEntryTop = nullptr;
-    pthread_mutex_destroy(&mutex);
 }

@@ -1,6 +1,5 @@
-// The cache's records: one for every file and directory that the daemon has learnt about, in a tree of hash
-// tables under one root. Except for the lock and DirInit, everything here expects the caller to hold the
-// lock.
+// The cache's records: one for every file and directory that the daemon has learnt about, in a tree of hash tables
+// under one root. Everything here but the lock itself expects the caller to hold the lock.
 #pragma once
 
 #include <cstdint>
@@ -32,6 +31,9 @@ extern DirEntry* dirEntryTop;
 extern int recordsInUse;
 
 // The cache's one lock. It is recursive: a request made under it asks the cache for the spelling of its path.
+// It exists from DirCreateLock to DirDestroyLock, which are for the start and the end of the cache.
+void DirCreateLock();
+void DirDestroyLock();
 void DirLock();
 void DirUnlock();
 
@@ -52,9 +54,3 @@ void DirEntryFree(DirEntry* entry);
 
 // The child of that name, given or stored in any normalisation form, or null.
 DirEntry* DirEntryFindChild(const DirEntry* dir, const char* name);
-
-// Starts the cache: lock, root record (from one attribute request), empty statistics.
-void DirInit();
-
-// Releases the whole cache and its lock; nothing happens when there is no root.
-void DirDestroy();

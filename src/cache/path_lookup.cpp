@@ -10,6 +10,7 @@
 namespace {
 
 constexpr time_t cacheLifetime = 60;
+// Of the kernel's FUSE module.
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathAreaSize = 2048;
 constexpr char traceStart[] = "CACHE-DirRead: adding: ";
@@ -24,8 +25,7 @@ void dropCache() {
     DirFetchRemoteDir("/", dirEntryTop);
 }
 
-// The kernel takes no such name, and would refuse the whole listing for its sake.
-bool isUnspeakable(const char* name) {
+bool isWithheld(const char* name) {
     return *name == '\0' || std::strchr(name, '/') != nullptr || std::strlen(name) > longestKernelName;
 }
 
@@ -136,7 +136,7 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
         } else {
             end = stpcpy(stpcpy(stpcpy(end, traceStart), child->name), "\n");
         }
-        if (!isUnspeakable(child->name)) {
+        if (!isWithheld(child->name)) {
             filler(buf, child->name, &child->st, 0);
         }
     }

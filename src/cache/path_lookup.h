@@ -21,6 +21,7 @@ char* DirReadOriginalEncodingPathUnlocked(const char* path);
 // The same with the lock taken around it.
 char* DirReadOriginalEncodingPath(const char* path);
 
-// Hands every child of the directory at `path` to `filler`, in the order in which the children came, without
-// "." and "..". 1, or 0 when there is no such directory: then the caller is left holding the lock once more.
+// Hands the children of the directory at `path` to `filler`, in the order in which they came, without "." and ".." and
+// without names that the kernel does not take (empty, with a slash, longer than 1024 bytes), which would make it refuse
+// the whole listing. 1, or 0 when there is no such directory: then the caller is left holding the lock once more.
 int DirRead(const char* path, void* buf, fuse_fill_dir_t filler);

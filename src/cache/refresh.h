@@ -1,7 +1,5 @@
-// Keeping the cache in line after a change, entry by entry, and the volume statistics.
+// Keeping the cache in line after a change, entry by entry.
 #pragma once
-
-#include <sys/statvfs.h>
 
 // Splits `path` at its last "/": `*parent` is a new string that the caller frees, `*name` points into `path`.
 // Always 1.
@@ -13,10 +11,3 @@ void DirUpdate(const char* path);
 
 // The same from the attribute object `reply` that a write returned, without a request.
 void DirUpdateWithResponse(const char* path, const char* reply);
-
-// The volume statistics, fetched once per process, or null when the service does not supply them. The record
-// stays the cache's; hold the cache's lock around the call and the use.
-struct statvfs* DirGetVFS();
-
-// Marks the statistics as never fetched.
-void DirForgetVFS();

@@ -4,12 +4,12 @@
 #define FUSE_USE_VERSION 26
 #include <fuse.h>
 
-// Called by main, before the loop: makes the main thread ready to be woken up and tells the heap what to keep,
-// where the platform needs it.
+// Called by main, before the loop: makes the main thread ready to be woken up, where the platform needs it.
 void platformBeforeLoop();
 
-// Called from the init callback, before the first file-system request: remembers the running loop and asks
-// the kernel for write requests of up to 128 KiB, where the library does not do so itself.
+// Called from the init callback, before the first file-system request: remembers the running loop, holds the FUSE
+// device by a second descriptor until the process ends, and asks the kernel for write requests of up to 128 KiB, where
+// the library does not do so itself.
 void platformLoopStarts(struct fuse_conn_info* conn);
 
 // Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed.
@@ -19,8 +19,3 @@ void platformLoopEnded();
 // thread only. The library's own on macOS, hence a C function; ours on Linux, where it returns when the loop
 // has ended.
 extern "C" void fuse_exit_handler_internal_np();
-
-// Accept-and-ignore answers for the attribute changes that a library without a slot for all of them asks for
-// one by one.
-int kelvane_chown(const char* path, uid_t owner, gid_t group);
-int kelvane_utimens(const char* path, const struct timespec times[2]);

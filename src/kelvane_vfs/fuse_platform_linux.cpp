@@ -1,12 +1,9 @@
 #include "kelvane_vfs/fuse_platform.h"
 
-#include "kelvane_vfs/operations.h"
-
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
 #include <fuse_lowlevel.h>
-#include <malloc.h>
 #include <pthread.h>
 
 namespace {
@@ -19,10 +16,6 @@ const pthread_t mainThread = pthread_self();
 pthread_mutex_t loopLock = PTHREAD_MUTEX_INITIALIZER;
 struct fuse* runningLoop = nullptr;
 bool loopEnded = false;
-
-// Larger blocks go back to the system when they are freed, and as much free memory as this may stay at the end of a
-// heap: what a read or a write takes stays below it, what a long listing takes is above.
-constexpr int largestKeptBlock = 1 << 19;
 
 constexpr unsigned largestWrite = 131072;
 constexpr long firstPauseNanoseconds = 1'000'000;
@@ -40,9 +33,10 @@ void holdDeviceToTheEnd(struct fuse_session* session) {
     [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
 }
 
-// Marks the session as ended and interrupts the main thread; false once the loop is over. Both loops of the
-// library clear the exited mark as the last thing they do, so a mark that is gone again means that the
-// library is already unmounting, which must not be interrupted.
+// One attempt to end the loop; false when the loop is over and no further one is needed. The first attempt marks the
+// session as ended (`marked`), and each interrupts the main thread. Both loops of the library clear the mark as the
+// last thing they do, so a mark that is gone again means that the library is already unmounting, which must not be
+// interrupted. Before the init callback there is no loop to end yet, and the next attempt may find one.
 bool endLoopOnce(bool& marked) {
     pthread_mutex_lock(&loopLock);
     bool running = !loopEnded;
@@ -66,9 +60,6 @@ bool endLoopOnce(bool& marked) {
 // The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
 // SA_RESTART, and let through even if whoever started the daemon blocked it.
 void platformBeforeLoop() {
-    mallopt(M_MMAP_THRESHOLD, largestKeptBlock);
-    mallopt(M_TRIM_THRESHOLD, 2 * largestKeptBlock);
-
     struct sigaction wake = {};
     wake.sa_handler = wakeUp;
     sigemptyset(&wake.sa_mask);
@@ -111,12 +102,4 @@ void fuse_exit_handler_internal_np() {
             pause.tv_nsec *= 2;
         }
     }
-}
-
-int kelvane_chown(const char* path, uid_t, gid_t) {
-    return kelvane_setattr_x(path, nullptr);
-}
-
-int kelvane_utimens(const char* path, const struct timespec[2]) {
-    return kelvane_setattr_x(path, nullptr);
 }

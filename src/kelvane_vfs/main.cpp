@@ -20,6 +20,8 @@ int main(int argc, char* argv[]) {
         std::fputs("usage: kelvane_vfs BASE_URL DISK_NAME [FUSE options ...] MOUNT_POINT\n", stderr);
         return 1;
     }
+    forgetEnvironment();
+    tuneHeap();
     // The trace has to be there when it happens, and must not be lost when the process ends by abort().
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
@@ -30,7 +32,6 @@ int main(int argc, char* argv[]) {
     std::memset(argv[1], 0, std::strlen(argv[1]));
     finderName = strdup(argv[2]);
     std::puts("kelvane_vfs starting");
-    forgetLibraryVariables();
     initLibCurl();
     platformBeforeLoop();
     const int fuseResult = fuse_main_real(argc - 2, argv + 2, &kelvane_filesystem_operations,

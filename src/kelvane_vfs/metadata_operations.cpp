@@ -3,7 +3,7 @@
 #include "InformFinder/finder_sidebar.h"
 #include "cache/dir_entry.h"
 #include "cache/path_lookup.h"
-#include "cache/refresh.h"
+#include "cache/volume_statistics.h"
 #include "cache/xattrs.h"
 #include "kelvane_vfs/process.h"
 

@@ -1,6 +1,6 @@
 #include "kelvane_vfs/operations.h"
 
-#include "cache/dir_entry.h"
+#include "cache/life.h"
 #include "kelvane_vfs/stop_path.h"
 
 namespace {
@@ -11,8 +11,8 @@ template <typename Table> constexpr Table withAttributeSlots(Table table) {
     if constexpr (requires { table.setattr_x; }) {
         table.setattr_x = kelvane_setattr_x;
     } else {
-        table.chown = kelvane_chown;
-        table.utimens = kelvane_utimens;
+        table.chown = [](const char* path, uid_t, gid_t) { return kelvane_setattr_x(path, nullptr); };
+        table.utimens = [](const char* path, const struct timespec[2]) { return kelvane_setattr_x(path, nullptr); };
     }
     return table;
 }

@@ -11,6 +11,11 @@ pthread_t closeFuseThread;
 std::atomic<std::int32_t> exitCode{0};
 int finderInformed = 0;
 
+void forgetEnvironment() {
+    static char* none[] = {nullptr};
+    environ = none;
+}
+
 void endProcess(int status) {
     static pthread_mutex_t ending = PTHREAD_MUTEX_INITIALIZER;
     pthread_mutex_lock(&ending);

@@ -1,4 +1,5 @@
-// What the process has one of: set by main before the FUSE loop starts, read everywhere.
+// What the process has one of: its globals, its environment, its heap and its end. `main` sets the globals before the
+// FUSE loop starts, but for the pipe and the exit thread (stop_path), `exitCode` and `finderInformed`.
 #pragma once
 
 #include <atomic>
@@ -26,6 +27,13 @@ extern std::atomic<std::int32_t> exitCode;
 // 1 once the first attribute request has started the sidebar registration. Plain on purpose: two first
 // requests at the same moment may both start it, and the second insertion changes nothing.
 extern int finderInformed;
+
+// Empties the environment, where the libraries would look for proxies, certificates, name servers, stack sizes and
+// more: what the daemon does depends on its command line alone. Called before the first thread is made.
+void forgetEnvironment();
+
+// Tells the heap which freed memory to keep, where the platform needs it.
+void tuneHeap();
 
 // Ends the process with `status` after flushing standard output, without running exit handlers: other threads
 // are still inside libcurl and its TLS library, whose clean-up would pull the ground from under them. Of

@@ -60,13 +60,6 @@ ReplyBuffer startReply() {
 
 } // namespace
 
-void forgetLibraryVariables() {
-    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY", "no_proxy",
-                             "NO_PROXY", "SSLKEYLOGFILE", "OPENSSL_CONF", "OPENSSL_MODULES", "OPENSSL_ENGINES"}) {
-        unsetenv(name);
-    }
-}
-
 int initLibCurl() {
     curl_global_init(CURL_GLOBAL_ALL);
     return pthread_key_create(&lubcurlKey, cleanupCurlHandle);

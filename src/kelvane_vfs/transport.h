@@ -22,10 +22,6 @@ struct UploadSource {
     std::size_t position;
 };
 
-// Takes out of the environment what libcurl and its TLS library would look for there (proxies, a file for the session's
-// keys, settings): what the daemon does depends on its command line alone. Called once, before initLibCurl.
-void forgetLibraryVariables();
-
 // Before the first request; returns the result of creating `lubcurlKey`.
 int initLibCurl();
 
