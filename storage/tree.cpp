@@ -1,8 +1,9 @@
 #include "storage/tree.h"
 
+#include "InformFinder/normal_form.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <linux/openat2.h>
@@ -55,16 +56,6 @@ bool isAscii(const std::string& text) {
     return true;
 }
 
-std::string normalised(const std::string& name, utf8proc_option_t form) {
-    utf8proc_uint8_t* mapped = nullptr;
-    const auto options = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | form);
-    const utf8proc_ssize_t length = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(name.data()),
-                                                 static_cast<utf8proc_ssize_t>(name.size()), &mapped, options);
-    std::string result = length < 0 ? name : std::string(reinterpret_cast<const char*>(mapped), length);
-    std::free(mapped);
-    return result;
-}
-
 // The path with every component as the directory spells it: as given where that exists, else composed, else
 // decomposed, else as given.
 std::string storedSpelling(const std::string& path) {
@@ -78,8 +69,8 @@ std::string storedSpelling(const std::string& path) {
         const std::string before = stored.empty() ? "" : stored + "/";
         stored = before + name;
         if (probe(stored, O_NOFOLLOW) == -ENOENT) {
-            for (const utf8proc_option_t form : {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE}) {
-                const std::string candidate = before + normalised(name, form);
+            for (const int form : {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE}) {
+                const std::string candidate = before + normalForm(name, form).value_or(name);
                 if (probe(candidate, O_NOFOLLOW) == 0) {
                     stored = candidate;
                     break;
