@@ -1,4 +1,5 @@
 // kelvane_storage: serves a local directory to kelvane_vfs.
+#include "storage/connections.h"
 #include "storage/service.h"
 #include "storage/tree.h"
 
@@ -8,12 +9,15 @@
 #include <charconv>
 #include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <getopt.h>
 #include <netdb.h>
 #include <sstream>
 #include <sys/resource.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
 
 namespace {
 
@@ -25,6 +29,7 @@ constexpr rlim_t mostConnections = 16384;
 struct Arguments {
     std::string listen = "127.0.0.1";
     unsigned port = 0;
+    unsigned threads = 0;
     std::string certificateFile;
     std::string keyFile;
     const char* directory = nullptr;
@@ -94,7 +99,7 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             arguments.keyFile = optarg;
             break;
         case 't':
-            valid = valid && parseCount(optarg, mostThreads, service.threads) && service.threads > 0;
+            valid = valid && parseCount(optarg, mostThreads, arguments.threads) && arguments.threads > 0;
             break;
         case 'h':
             return usage(stdout);
@@ -182,7 +187,7 @@ int main(int argc, char* argv[]) {
     }
     service.connections = raiseDescriptorLimit();
 
-    // Blocked before the service's threads are made, so that the signals wait for sigwait below.
+    // Blocked before the service's threads are made, so that the signals come to the descriptor.
     sigset_t stopping;
     sigemptyset(&stopping);
     sigaddset(&stopping, SIGINT);
@@ -191,19 +196,24 @@ int main(int argc, char* argv[]) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow further is a refused request
 
-    MHD_Daemon* daemon = startService(service, reinterpret_cast<const sockaddr*>(&address));
-    if (daemon == nullptr && !service.certificate.empty() && errno != EADDRINUSE) {
-        return complain("cannot serve: the certificate or its key is not usable, or the port is not to be had");
-    }
-    if (daemon == nullptr) {
+    const int listener = listenOn(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    if (listener < 0) {
         return complain("cannot serve on " + arguments.listen + " port " + std::to_string(arguments.port) + ": " +
-                        std::strerror(errno));
+                        std::strerror(-listener));
     }
-    std::puts(baseUrl(arguments, address, servicePort(daemon)).c_str());
+    MHD_Daemon* daemon = startService(service);
+    const int signals = signalfd(-1, &stopping, SFD_CLOEXEC);
+    if (daemon == nullptr || signals < 0) {
+        return complain(service.certificate.empty() ? std::string("cannot serve: ") + std::strerror(errno)
+                                                    : "cannot serve: the certificate or its key is not usable");
+    }
+    std::puts(baseUrl(arguments, address, portOf(listener)).c_str());
     std::fflush(stdout);
 
-    int signal = 0;
-    sigwait(&stopping, &signal);
-    stopService(daemon);
+    acceptConnections(daemon, {listener}, service.connections, signals);
+    close(listener);
+    if (!stopService(daemon)) {
+        std::_Exit(0);
+    }
     return 0;
 }

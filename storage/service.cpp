@@ -1,5 +1,6 @@
 #include "storage/service.h"
 
+#include "storage/connections.h"
 #include "storage/contents.h"
 #include "storage/replies.h"
 #include "storage/response.h"
@@ -7,10 +8,13 @@
 #include "storage/tree.h"
 #include "storage/uploads.h"
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -18,13 +22,20 @@ namespace {
 // The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
 // is the reading area.
 constexpr std::size_t connectionMemory = 64UL * 1024;
-constexpr unsigned listenBacklog = 1024;
+constexpr std::size_t threadStack = 512UL * 1024;
+// The library counts a connection for a moment after its end.
+constexpr unsigned spareConnections = 16;
 
 // Longer than a libcurl client keeps an unused connection, so that none is closed under a client about to use
 // it.
 constexpr unsigned idleSeconds = 150;
 
+constexpr std::chrono::milliseconds stoppingWait(10);
+constexpr int stoppingWaits = 500;
+
 ServiceOptions service;
+std::atomic<bool> stopping = false;
+std::atomic<unsigned> running = 0; // requests whose header is there and whose response is not sent yet
 
 // One request, from its request line to the end of its reply.
 struct Exchange {
@@ -121,6 +132,11 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     const bool isFirst = !exchange.judged;
     if (isFirst) {
         exchange.judged = true;
+        headerArrived(connection);
+        ++running;
+        if (stopping) {
+            return MHD_NO;
+        }
         exchange.refusal = judge(connection, method, exchange);
     }
     if (exchange.refusal != 0 && (isFirst ? *method == 'P' : *size == 0)) {
@@ -143,10 +159,12 @@ void* onRequestLine(void*, const char* text, MHD_Connection*) {
     return exchange;
 }
 
-void onCompleted(void*, MHD_Connection*, void** context, MHD_RequestTerminationCode) {
+void onCompleted(void*, MHD_Connection* connection, void** context, MHD_RequestTerminationCode) {
     auto* exchange = static_cast<Exchange*>(*context);
-    if (exchange != nullptr) {
+    if (exchange != nullptr && exchange->judged) {
         releaseUpload(exchange->upload);
+        awaitNextHeader(connection);
+        --running;
     }
     delete exchange;
     *context = nullptr;
@@ -159,12 +177,10 @@ std::size_t keepEncoding(void*, MHD_Connection*, char* text) {
 
 } // namespace
 
-MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address) {
+MHD_Daemon* startService(const ServiceOptions& options) {
     service = options;
-    unsigned flags = MHD_USE_EPOLL_INTERNAL_THREAD | MHD_USE_ITC | MHD_USE_TURBO;
-    if (address->sa_family == AF_INET6) {
-        flags |= MHD_USE_IPv6;
-    }
+    unsigned flags =
+        MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
     MHD_OptionItem tls[] = {
         {MHD_OPTION_HTTPS_MEM_CERT, 0, service.certificate.data()},
         {MHD_OPTION_HTTPS_MEM_KEY, 0, service.key.data()},
@@ -175,25 +191,23 @@ MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address)
     } else {
         flags |= MHD_USE_TLS;
     }
-    MHD_OptionItem pool[] = {
-        {MHD_OPTION_THREAD_POOL_SIZE, static_cast<intptr_t>(service.threads), nullptr},
-        {MHD_OPTION_END, 0, nullptr},
-    };
-    if (service.threads < 2) {
-        pool[0] = {MHD_OPTION_END, 0, nullptr};
+    return MHD_start_daemon(flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, onConnection,
+                            nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
+                            onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr,
+                            MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_THREAD_STACK_SIZE,
+                            threadStack, MHD_OPTION_CONNECTION_LIMIT, service.connections + spareConnections,
+                            MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_STRICT_FOR_CLIENT, 1,
+                            MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
+}
+
+bool stopService(MHD_Daemon* daemon) {
+    stopping = true;
+    for (int waits = 0; running != 0; ++waits) {
+        if (waits == stoppingWaits) {
+            return false;
+        }
+        std::this_thread::sleep_for(stoppingWait);
     }
-    return MHD_start_daemon(
-        flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_SOCK_ADDR, address, MHD_OPTION_URI_LOG_CALLBACK,
-        onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED, onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK,
-        keepEncoding, nullptr, MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_CONNECTION_LIMIT,
-        service.connections, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_LISTEN_BACKLOG_SIZE, listenBacklog,
-        MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, pool, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
-}
-
-std::uint16_t servicePort(MHD_Daemon* daemon) {
-    return MHD_get_daemon_info(daemon, MHD_DAEMON_INFO_BIND_PORT)->port;
-}
-
-void stopService(MHD_Daemon* daemon) {
     MHD_stop_daemon(daemon);
+    return true;
 }

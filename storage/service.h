@@ -3,24 +3,21 @@
 
 #include <cstdint>
 #include <string>
-#include <sys/socket.h>
 
 struct MHD_Daemon;
 
 struct ServiceOptions {
     std::string prefix = "/"; // what every path begins with
     bool readOnly = false;
-    unsigned threads = 4;
     unsigned connections = 8; // at most, at once
     std::string certificate;  // PEM texts; both empty without TLS
     std::string key;
 };
 
-// Starts to serve the opened tree on `address`; null when the port cannot be had.
-MHD_Daemon* startService(const ServiceOptions& options, const sockaddr* address);
+// Starts to serve the opened tree to the connections that are handed over to the daemon; null when that fails. Each
+// connection has a thread of its own, so that a disk that is slow for one is slow for no other.
+MHD_Daemon* startService(const ServiceOptions& options);
 
-// The port that the service listens on.
-std::uint16_t servicePort(MHD_Daemon* daemon);
-
-// Ends the service; requests that are being answered are cut off.
-void stopService(MHD_Daemon* daemon);
+// Ends the service: no request begins any more, those that have begun get five seconds. False when some did not end,
+// and wait for the disk perhaps: then only the end of the process ends them.
+bool stopService(MHD_Daemon* daemon);
