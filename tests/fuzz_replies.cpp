@@ -5,6 +5,7 @@
 #include "cache/remote_fetch.h"
 #include "cache/volume_statistics.h"
 #include "kelvane_vfs/protocol.h"
+#include "kelvane_vfs/reply_tree.h"
 
 #include <csetjmp>
 #include <cstdio>
@@ -68,6 +69,7 @@ extern "C" int LLVMFuzzerTestOneInput(const unsigned char* data, std::size_t siz
             parse_jsonp_response(200, std::string(body, bodySize).c_str());
         }
     }
+    releaseReply();
     DirEntryFree(root);
     return 0;
 }

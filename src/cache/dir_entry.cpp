@@ -2,6 +2,7 @@
 
 #include "cache/name_lookup.h"
 #include "kelvane_vfs/leak_on_purpose.h"
+#include "kelvane_vfs/not_null.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -36,8 +37,8 @@ void DirUnlock() {
 }
 
 DirEntry* DirEntryNew(const char* name, std::int32_t type, const struct stat* st) {
-    auto* entry = static_cast<DirEntry*>(std::calloc(1, sizeof(DirEntry)));
-    entry->name = strdup(name);
+    auto* entry = notNull(static_cast<DirEntry*>(std::calloc(1, sizeof(DirEntry))));
+    entry->name = notNull(strdup(name));
     entry->type = type;
     entry->st = *st;
     return entry;

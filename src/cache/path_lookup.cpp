@@ -2,6 +2,7 @@
 
 #include "cache/remote_fetch.h"
 #include "kelvane_vfs/checked_text.h"
+#include "kelvane_vfs/not_null.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -41,8 +42,8 @@ DirEntry* DirGetEntryUnlocked(const char* path) {
     if (dirEntryTop == nullptr) {
         std::abort();
     }
-    char* copy = strdup(path);
-    char* walked = static_cast<char*>(std::malloc(std::strlen(path) + 2));
+    char* copy = notNull(strdup(path));
+    char* walked = notNull(static_cast<char*>(std::malloc(std::strlen(path) + 2)));
     if (recordsInUse == 0 && dirEntryTop->fetchTime != 0 &&
         dirEntryTop->fetchTime + cacheLifetime < std::time(nullptr)) {
         dropCache();
@@ -79,9 +80,9 @@ DirEntry* DirGetEntry(const char* path) {
 }
 
 char* DirReadOriginalEncodingPathUnlocked(const char* path) {
-    auto* result = static_cast<char*>(std::malloc(pathAreaSize));
+    auto* result = notNull(static_cast<char*>(std::malloc(pathAreaSize)));
     *result = '\0';
-    char* copy = strdup(path);
+    char* copy = notNull(strdup(path));
     char prefix[pathAreaSize] = "";
     std::printf("%s: %s\n", "DirReadOriginalEncodingPathUnlocked", path);
 

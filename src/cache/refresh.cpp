@@ -2,6 +2,7 @@
 
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
+#include "kelvane_vfs/not_null.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +29,7 @@ DirEntry* findParent(const char* path, const char** name) {
 int DirExtractPathName(const char* path, char** parent, const char** name) {
     const char* slash = std::strrchr(path, '/');
     *name = slash != nullptr ? slash + 1 : path;
-    *parent = slash == nullptr || slash == path ? strdup("/") : strndup(path, slash - path);
+    *parent = notNull(slash == nullptr || slash == path ? strdup("/") : strndup(path, slash - path));
     return 1;
 }
 

@@ -5,9 +5,11 @@
 #include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iterator>
+#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -50,6 +52,16 @@ constexpr unsigned packedKey(const char* key) {
     }
     return key[2] != '\0' ? 0 : (first | smallLetter) | (second | smallLetter) << 8U;
 }
+
+// That number stands for no other key when the key consists of small letters: no other byte becomes one.
+constexpr bool isPackedExactly(const char* key) {
+    const std::string_view letters = key;
+    return !letters.empty() && letters.size() <= 2 &&
+           std::all_of(letters.begin(), letters.end(), [](char letter) { return letter >= 'a' && letter <= 'z'; });
+}
+static_assert(isPackedExactly("n") && isPackedExactly("t") &&
+              std::all_of(std::begin(attributeFields), std::end(attributeFields),
+                          [](const AttributeField& field) { return isPackedExactly(field.key); }));
 
 // The member of `entry` that goes by `key`, or null for a key that is not asked for.
 const cJSON** memberOf(ListedEntry& entry, const char* key) {
@@ -98,7 +110,7 @@ void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
         }
     }
     if (entry.kind == nullptr) {
-        std::abort();
+        endForMissingMember("t");
     }
     const bool isDirectory = entry.kind->valueint == listedDirectory;
     // What is not a string is no name.

@@ -2,6 +2,7 @@
 
 #include "cache/name_lookup.h"
 #include "cache/path_lookup.h"
+#include "kelvane_vfs/not_null.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -32,9 +33,9 @@ void DirEntryRemoveXAttrInt(DirEntry* entry, const char* name) {
 
 void DirEntryAddXAttrInt(DirEntry* entry, const char* name, const void* value, std::size_t size) {
     // Copied before the old attribute goes: the value may be the one that is stored under this name.
-    auto* attribute = static_cast<DirEntryXAttr*>(std::calloc(1, sizeof(DirEntryXAttr)));
-    attribute->name = strdup(name);
-    attribute->value = static_cast<char*>(std::malloc(size));
+    auto* attribute = notNull(static_cast<DirEntryXAttr*>(std::calloc(1, sizeof(DirEntryXAttr))));
+    attribute->name = notNull(strdup(name));
+    attribute->value = notNull(static_cast<char*>(std::malloc(size)));
     std::memcpy(attribute->value, value, size);
     DirEntryRemoveXAttrInt(entry, name);
     HASH_ADD_KEYPTR(hh, entry->xattrs, name, std::strlen(name), attribute);

@@ -1,5 +1,6 @@
 #include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/fuse_platform.h"
+#include "kelvane_vfs/not_null.h"
 #include "kelvane_vfs/operations.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/stop_path.h"
@@ -30,7 +31,7 @@ int main(int argc, char* argv[]) {
     checkedCopy(baseURL, sizeof baseURL, argv[1]);
     // A password or a secret in it would stay in the process list.
     std::memset(argv[1], 0, std::strlen(argv[1]));
-    finderName = strdup(argv[2]);
+    finderName = notNull(strdup(argv[2]));
     std::puts("kelvane_vfs starting");
     initLibCurl();
     platformBeforeLoop();

@@ -3,6 +3,7 @@
 #include "cache/path_lookup.h"
 #include "cache/refresh.h"
 #include "kelvane_vfs/leak_on_purpose.h"
+#include "kelvane_vfs/not_null.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/transport.h"
 
@@ -60,7 +61,7 @@ int kelvane_rmdir(const char* path) {
 int kelvane_rename(const char* from, const char* to) {
     std::fprintf(stderr, "kelvane_rename: %s -> %s\n", from, to);
     char* target = DirReadOriginalEncodingPath(to);
-    char* encoded = evhttp_encode_uri(target);
+    char* encoded = notNull(evhttp_encode_uri(target));
     std::free(target);
     char* query = nullptr;
     if (asprintf(&query, "action=rename&to=%s&replace=1", encoded) < 0) {

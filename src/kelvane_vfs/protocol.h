@@ -4,7 +4,10 @@
 
 #include <cjson/cJSON.h>
 
-// A member that every reply of its kind has; a reply without it ends the process through abort().
+// Ends the process through abort(), after a line on standard error for the service's author: a reply lacks `key`.
+[[noreturn]] void endForMissingMember(const char* key);
+
+// A member that every reply of its kind has; endForMissingMember in a reply without it.
 const cJSON* requiredMember(const cJSON* object, const char* key);
 
 // The same member's integer value (signed 32-bit, as cJSON reads it).

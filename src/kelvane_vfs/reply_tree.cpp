@@ -1,5 +1,7 @@
 #include "kelvane_vfs/reply_tree.h"
 
+#include "kelvane_vfs/not_null.h"
+
 #include <cstddef>
 #include <cstdlib>
 
@@ -24,10 +26,7 @@ void* takeFromBlock(std::size_t size) {
         // A long string gets a block of its own size.
         const std::size_t usual = blocks == nullptr ? firstBlockSize : blockSize;
         const std::size_t total = sizeof(Block) + rounded > usual ? sizeof(Block) + rounded : usual;
-        auto* block = static_cast<Block*>(std::malloc(total));
-        if (block == nullptr) {
-            return nullptr;
-        }
+        auto* block = notNull(static_cast<Block*>(std::malloc(total)));
         block->before = blocks;
         blocks = block;
         next = reinterpret_cast<char*>(block + 1);
@@ -50,6 +49,9 @@ const bool hooksInstalled = [] {
 } // namespace
 
 const cJSON* parseReply(const char* text) {
+    if (blocks != nullptr) {
+        std::abort();
+    }
     const cJSON* tree = hooksInstalled ? cJSON_Parse(text) : nullptr;
     if (tree == nullptr) {
         releaseReply();

@@ -2,6 +2,7 @@
 
 #include "cache/path_lookup.h"
 #include "kelvane_vfs/leak_on_purpose.h"
+#include "kelvane_vfs/not_null.h"
 #include "kelvane_vfs/process.h"
 
 #include <algorithm>
@@ -24,13 +25,13 @@ constexpr long transferAreaSize = 144L * 1024;
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
 char* buildURL(const char* path, const char* query) {
     char* servicePath = DirReadOriginalEncodingPath(path);
-    char* encoded = evhttp_encode_uri(servicePath);
+    char* encoded = notNull(evhttp_encode_uri(servicePath));
     std::free(servicePath);
 
     const std::size_t baseLength = std::strlen(baseURL);
     const std::size_t encodedLength = std::strlen(encoded);
     const std::size_t queryLength = query != nullptr ? std::strlen(query) + 1 : 0;
-    auto* url = static_cast<char*>(std::malloc(baseLength + encodedLength + queryLength + 1));
+    auto* url = notNull(static_cast<char*>(std::malloc(baseLength + encodedLength + queryLength + 1)));
     char* end = std::copy_n(baseURL, baseLength, url);
     end = std::copy_n(encoded, encodedLength, end);
     std::free(encoded);
@@ -47,7 +48,7 @@ curl_slist* buildHeaderList(char* headers) {
     curl_slist* list = nullptr;
     char* rest = nullptr;
     for (char* line = strtok_r(headers, "\n", &rest); line != nullptr; line = strtok_r(nullptr, "\n", &rest)) {
-        list = curl_slist_append(list, line);
+        list = notNull(curl_slist_append(list, line));
     }
     leakOnPurpose(list);
     return list;
@@ -55,7 +56,7 @@ curl_slist* buildHeaderList(char* headers) {
 
 // The byte is the terminator of a body that never comes.
 ReplyBuffer startReply() {
-    return {static_cast<char*>(std::calloc(1, 1)), 0};
+    return {notNull(static_cast<char*>(std::calloc(1, 1))), 0};
 }
 
 } // namespace
@@ -153,7 +154,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     char errorText[errorTextSize] = "";
     CURL* handle = getCurlHandle();
     char* url = buildURL(path, query);
-    curl_slist* headers = curl_slist_append(nullptr, "Content-Type: application/octetstream");
+    curl_slist* headers = notNull(curl_slist_append(nullptr, "Content-Type: application/octetstream"));
 
     curl_easy_setopt(handle, CURLOPT_URL, url);
     curl_easy_setopt(handle, CURLOPT_UPLOAD, 1L);
