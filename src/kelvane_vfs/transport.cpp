@@ -22,6 +22,9 @@ static_assert(errorTextSize >= CURL_ERROR_SIZE);
 // A read or a write of the kernel's largest size, with its headers, in one piece each way.
 constexpr long transferAreaSize = 144L * 1024;
 
+// A write asks whether its body is welcome, but does not wait a round trip for the answer. In milliseconds.
+constexpr long longestExpectWait = 1;
+
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
 char* buildURL(const char* path, const char* query) {
     char* servicePath = DirReadOriginalEncodingPath(path);
@@ -76,6 +79,7 @@ CURL* getCurlHandle() {
         handle = curl_easy_init();
         curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, transferAreaSize);
         curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, transferAreaSize);
+        curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, longestExpectWait);
         pthread_setspecific(lubcurlKey, handle);
     }
     return handle;
