@@ -8,6 +8,7 @@
 #include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/transport.h"
+#include "storage/connections.h"
 #include "storage/replies.h"
 #include "storage/service.h"
 #include "storage/tree.h"
@@ -21,9 +22,9 @@
 #include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <microhttpd.h>
 #include <netinet/in.h>
 #include <string>
+#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -189,12 +190,15 @@ int main(int argc, char* argv[]) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    MHD_Daemon* service = startService({}, reinterpret_cast<const sockaddr*>(&address));
-    if (service == nullptr) {
+    const int listener = listenOn(reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    ServiceOptions options;
+    MHD_Daemon* service = startService(options);
+    if (listener < 0 || service == nullptr) {
         return 1;
     }
-    checkedFormat(baseURL, sizeof baseURL, "http://127.0.0.1:%u/", static_cast<unsigned>(servicePort(service)));
-    forgetLibraryVariables();
+    std::thread([=] { acceptConnections(service, {listener}, options.connections, -1); }).detach();
+    checkedFormat(baseURL, sizeof baseURL, "http://127.0.0.1:%u/", static_cast<unsigned>(portOf(listener)));
+    forgetEnvironment();
     initLibCurl();
     DirInit();
     fillCache();
@@ -206,7 +210,6 @@ int main(int argc, char* argv[]) {
 
     DirDestroy();
     cleanupCurlHandle(getCurlHandle());
-    stopService(service);
     std::filesystem::remove_all(folder);
     return 0;
 }

@@ -94,17 +94,17 @@ MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
     MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
     if (kind == RangeKind::whole) {
-        return sendResponse(connection, MHD_HTTP_OK, response);
+        return sendResponse(connection, MHD_HTTP_OK, response, range.length);
     }
     const std::string total = std::to_string(size);
     if (kind == RangeKind::unsatisfiable || range.length == 0) {
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, ("bytes */" + total).c_str());
-        return sendResponse(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response);
+        return sendResponse(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response, 0);
     }
     const std::string span =
         "bytes " + std::to_string(range.first) + "-" + std::to_string(range.first + range.length - 1) + "/" + total;
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, span.c_str());
-    return sendResponse(connection, MHD_HTTP_PARTIAL_CONTENT, response);
+    return sendResponse(connection, MHD_HTTP_PARTIAL_CONTENT, response, range.length);
 }
 
 } // namespace

@@ -1,5 +1,7 @@
 // kelvane_storage: serves a local directory to kelvane_vfs.
+#include "storage/certificate.h"
 #include "storage/connections.h"
+#include "storage/request_log.h"
 #include "storage/service.h"
 #include "storage/tree.h"
 
@@ -11,10 +13,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+#include <fcntl.h>
 #include <getopt.h>
 #include <netdb.h>
-#include <sstream>
+#include <netinet/in.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -25,6 +27,10 @@ constexpr unsigned mostThreads = 256;
 constexpr rlim_t ownDescriptors = 32;
 constexpr rlim_t fewestConnections = 8;
 constexpr rlim_t mostConnections = 16384;
+constexpr int mostPortTrials = 64;
+constexpr std::size_t longestBaseUrl = 127; // what kelvane_vfs takes
+
+enum Status { success = 0, failure = 1, wrongUsage = 2 };
 
 struct Arguments {
     std::string listen = "127.0.0.1";
@@ -32,28 +38,51 @@ struct Arguments {
     unsigned threads = 0;
     std::string certificateFile;
     std::string keyFile;
+    std::string usersFile;
+    std::string secretFile;
+    std::string logFile;
+    bool hasSecret = true;
+    bool behindProxy = false;
     const char* directory = nullptr;
     ServiceOptions service;
 };
 
-int complain(const std::string& text) {
+const char* const usageText =
+    "usage: kelvane_storage [OPTION ...] DIRECTORY\n"
+    "Serves DIRECTORY over HTTP and prints the base URL to give to kelvane_vfs.\n"
+    "\n"
+    "  --listen ADDRESS     address or name to listen on (127.0.0.1)\n"
+    "  --port N             port; 0, which is the default, picks a free one\n"
+    "  --prefix PATH        what the base URL's path begins with (/)\n"
+    "  --read-only          refuse every change\n"
+    "  --secret-file FILE   keep the secret of the base URL in FILE; without, each start makes a new one\n"
+    "  --no-secret          no secret in the base URL\n"
+    "  --users FILE         ask for one of the names and passwords in FILE\n"
+    "  --host NAME          a name by which clients may call the server; can be repeated\n"
+    "  --tls-cert FILE      serve over HTTPS with this certificate\n"
+    "  --tls-key FILE       and this key\n"
+    "  --behind-proxy       clients come through a proxy that does HTTPS\n"
+    "  --log FILE           write a line for each request; - is standard output\n"
+    "  --threads N          how many threads serve (4)\n"
+    "  --version, --help\n";
+
+void say(const std::string& text) {
     std::fprintf(stderr, "kelvane_storage: %s\n", text.c_str());
-    return 1;
 }
 
-int usage(std::FILE* stream) {
-    std::fputs("usage: kelvane_storage [--listen ADDRESS] [--port N] [--prefix PATH] [--read-only]\n"
-               "                       [--tls-cert FILE --tls-key FILE] [--threads N] DIRECTORY\n"
-               "Serves DIRECTORY over HTTP and prints the base URL to give to kelvane_vfs.\n"
-               "Port 0, which is the default, picks a free one; the default address is 127.0.0.1.\n",
-               stream);
-    return stream == stdout ? 0 : 2;
+int complain(const std::string& text, Status status = failure) {
+    say(text);
+    return status;
 }
 
-bool parseCount(const char* text, unsigned most, unsigned& count) {
+int complainOfArgument(const std::string& text) {
+    return complain(text + "; --help shows the usage", wrongUsage);
+}
+
+bool parseCount(const char* text, unsigned least, unsigned most, unsigned& count) {
     const char* end = text + std::strlen(text);
     const auto [stop, error] = std::from_chars(text, end, count);
-    return error == std::errc() && stop == end && stop != text && count <= most;
+    return error == std::errc() && stop == end && stop != text && count >= least && count <= most;
 }
 
 // What may stand in a URL's path as it is.
@@ -69,28 +98,51 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
         {"port", required_argument, nullptr, 'p'},
         {"prefix", required_argument, nullptr, 'x'},
         {"read-only", no_argument, nullptr, 'r'},
+        {"secret-file", required_argument, nullptr, 's'},
+        {"no-secret", no_argument, nullptr, 'n'},
+        {"users", required_argument, nullptr, 'u'},
+        {"host", required_argument, nullptr, 'o'},
         {"tls-cert", required_argument, nullptr, 'c'},
         {"tls-key", required_argument, nullptr, 'k'},
+        {"behind-proxy", no_argument, nullptr, 'b'},
+        {"log", required_argument, nullptr, 'g'},
         {"threads", required_argument, nullptr, 't'},
+        {"version", no_argument, nullptr, 'v'},
         {"help", no_argument, nullptr, 'h'},
         {nullptr, 0, nullptr, 0},
     };
     ServiceOptions& service = arguments.service;
-    bool valid = true;
+    std::string& base = service.access.base;
     for (int option = 0; (option = getopt_long(argc, argv, "h", options, nullptr)) != -1;) {
         switch (option) {
         case 'l':
             arguments.listen = optarg;
             break;
         case 'p':
-            valid = valid && parseCount(optarg, UINT16_MAX, arguments.port);
+            if (!parseCount(optarg, 0, UINT16_MAX, arguments.port)) {
+                return complainOfArgument("--port " + std::string(optarg) + ": not a number from 0 to 65535");
+            }
             break;
         case 'x':
-            service.prefix = optarg;
-            valid = valid && service.prefix.starts_with('/') && isPlain(service.prefix);
+            base = optarg;
+            if (!base.starts_with('/') || !isPlain(base)) {
+                return complainOfArgument("--prefix " + base + ": not a path that can stand in a URL as it is");
+            }
             break;
         case 'r':
-            service.readOnly = true;
+            service.access.readOnly = true;
+            break;
+        case 's':
+            arguments.secretFile = optarg;
+            break;
+        case 'n':
+            arguments.hasSecret = false;
+            break;
+        case 'u':
+            arguments.usersFile = optarg;
+            break;
+        case 'o':
+            service.access.hosts.emplace_back(optarg);
             break;
         case 'c':
             arguments.certificateFile = optarg;
@@ -98,42 +150,79 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
         case 'k':
             arguments.keyFile = optarg;
             break;
-        case 't':
-            valid = valid && parseCount(optarg, mostThreads, arguments.threads) && arguments.threads > 0;
+        case 'b':
+            arguments.behindProxy = true;
             break;
+        case 'g':
+            arguments.logFile = optarg;
+            break;
+        case 't':
+            if (!parseCount(optarg, 1, mostThreads, arguments.threads)) {
+                return complainOfArgument("--threads " + std::string(optarg) + ": not a number from 1 to 256");
+            }
+            break;
+        case 'v':
+            std::puts("kelvane_storage " KELVANE_VERSION);
+            return success;
         case 'h':
-            return usage(stdout);
-        default:
-            return usage(stderr);
+            std::fputs(usageText, stdout);
+            return success;
+        default: // getopt has said what is wrong
+            return wrongUsage;
         }
     }
-    if (!valid || argc - optind != 1 || arguments.certificateFile.empty() != arguments.keyFile.empty()) {
-        return usage(stderr);
+    if (argc - optind != 1) {
+        return complainOfArgument(argc == optind ? "DIRECTORY is missing"
+                                                 : "one argument too many: " + std::string(argv[optind + 1]));
+    }
+    if (arguments.certificateFile.empty() != arguments.keyFile.empty()) {
+        return complainOfArgument(arguments.keyFile.empty() ? "--tls-cert needs --tls-key"
+                                                            : "--tls-key needs --tls-cert");
+    }
+    if (!arguments.hasSecret && !arguments.secretFile.empty()) {
+        return complainOfArgument("--secret-file and --no-secret exclude each other");
     }
     arguments.directory = argv[optind];
+    service.tls = !arguments.certificateFile.empty();
     return -1;
 }
 
-// False when there is nothing to read: an empty certificate must not turn into a service without TLS.
-bool readFile(const std::string& name, std::string& text) {
-    std::ifstream file(name, std::ios::binary);
-    std::ostringstream content;
-    content << file.rdbuf();
-    text = content.str();
-    return !text.empty();
-}
-
-bool resolveAddress(const Arguments& arguments, sockaddr_storage& address) {
+// All addresses of the name or address to listen on, each once. localhost has two, whatever the hosts file says,
+// because clients try both.
+std::vector<sockaddr_storage> resolveAddresses(const Arguments& arguments) {
+    std::vector<std::string> names = {arguments.listen};
+    if (arguments.listen == "localhost") {
+        names = {"127.0.0.1", "::1"};
+    }
     addrinfo hints = {};
     hints.ai_flags = AI_PASSIVE;
     hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (getaddrinfo(arguments.listen.c_str(), std::to_string(arguments.port).c_str(), &hints, &found) != 0) {
-        return false;
+    std::vector<sockaddr_storage> addresses;
+    for (const std::string& name : names) {
+        addrinfo* found = nullptr;
+        if (getaddrinfo(name.c_str(), std::to_string(arguments.port).c_str(), &hints, &found) != 0) {
+            continue;
+        }
+        for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+            sockaddr_storage address = {};
+            std::memcpy(&address, each->ai_addr, each->ai_addrlen);
+            if (std::none_of(addresses.begin(), addresses.end(), [&](const sockaddr_storage& known) {
+                    return std::memcmp(&known, &address, sizeof address) == 0;
+                })) {
+                addresses.push_back(address);
+            }
+        }
+        freeaddrinfo(found);
     }
-    std::memcpy(&address, found->ai_addr, found->ai_addrlen);
-    freeaddrinfo(found);
-    return true;
+    return addresses;
+}
+
+// What an address that other machines reach still needs; empty if nothing.
+std::string missingOffLoopback(const Arguments& arguments) {
+    if (!arguments.hasSecret && arguments.usersFile.empty()) {
+        return "a secret or --users";
+    }
+    return arguments.service.tls || arguments.behindProxy ? "" : "--tls-cert and --tls-key, or --behind-proxy";
 }
 
 // The URL under which a client on this machine reaches the service.
@@ -149,8 +238,8 @@ std::string baseUrl(const Arguments& arguments, const sockaddr_storage& address,
     } else if (isV6) {
         name = name == "::" ? "[::1]" : "[" + name + "]";
     }
-    return (arguments.service.certificate.empty() ? "http://" : "https://") + name + ":" + std::to_string(port) +
-           arguments.service.prefix;
+    return (arguments.service.tls ? "https://" : "http://") + name + ":" + std::to_string(port) +
+           arguments.service.access.base;
 }
 
 // Thousands of connections need more descriptors than the usual soft limit. Returns how many connections the limit
@@ -166,6 +255,86 @@ unsigned raiseDescriptorLimit() {
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
+// What SIGHUP reads again; an empty text, or what is wrong in words.
+std::string readFiles(const Arguments& arguments) {
+    if (arguments.service.tls) {
+        if (std::string error = readCertificate(arguments.certificateFile, arguments.keyFile); !error.empty()) {
+            return error;
+        }
+    }
+    if (!arguments.usersFile.empty()) {
+        if (std::string error = readUsers(arguments.usersFile); !error.empty()) {
+            return error;
+        }
+    }
+    if (!arguments.logFile.empty()) {
+        if (const int error = openLog(arguments.logFile); error != 0) {
+            return arguments.logFile + ": " + std::strerror(-error);
+        }
+    }
+    return "";
+}
+
+std::string addSecret(Arguments& arguments) {
+    std::string secret;
+    std::string error = arguments.secretFile.empty() ? makeSecret(secret) : keepSecret(arguments.secretFile, secret);
+    std::string& base = arguments.service.access.base;
+    base += (base.ends_with('/') ? "" : "/") + secret + "/";
+    return error;
+}
+
+bool hasTerminal() {
+    const int terminal = open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (terminal >= 0) {
+        close(terminal);
+    }
+    return terminal >= 0;
+}
+
+void setPort(sockaddr_storage& address, std::uint16_t port) {
+    reinterpret_cast<sockaddr_in6&>(address).sin6_port = htons(port); // at the same place for both families
+}
+
+// Listens on all of `addresses`, with the port that the first of them gets. Addresses that this machine does not have
+// are taken out unless it has none of them. Returns 0 or a negated error number.
+int listenOnEach(std::vector<sockaddr_storage>& addresses, std::vector<int>& listeners) {
+    int error = 0;
+    for (auto address = addresses.begin(); address != addresses.end();) {
+        sockaddr_storage wanted = *address;
+        if (!listeners.empty()) {
+            setPort(wanted, portOf(listeners.front()));
+        }
+        const int listener = listenOn(reinterpret_cast<const sockaddr*>(&wanted), sizeof wanted);
+        if (listener >= 0) {
+            listeners.push_back(listener);
+            ++address;
+        } else if (listener == -EADDRINUSE || addresses.size() == 1) {
+            error = listener;
+            break;
+        } else {
+            address = addresses.erase(address);
+        }
+    }
+    return error;
+}
+
+void closeAll(std::vector<int>& listeners) {
+    for (const int listener : listeners) {
+        close(listener);
+    }
+    listeners.clear();
+}
+
+// The same, again if the port that was free for one address is taken for another.
+int listenOnAll(std::vector<sockaddr_storage>& addresses, std::vector<int>& listeners) {
+    int error = -EADDRINUSE;
+    for (int trial = 0; trial < mostPortTrials && error == -EADDRINUSE; ++trial) {
+        closeAll(listeners);
+        error = listenOnEach(addresses, listeners);
+    }
+    return error;
+}
+
 } // namespace
 
 int main(int argc, char* argv[]) {
@@ -174,46 +343,70 @@ int main(int argc, char* argv[]) {
         return status;
     }
     ServiceOptions& service = arguments.service;
-    if (!arguments.certificateFile.empty() &&
-        (!readFile(arguments.certificateFile, service.certificate) || !readFile(arguments.keyFile, service.key))) {
-        return complain("cannot read the certificate or its key");
+    std::vector<sockaddr_storage> addresses = resolveAddresses(arguments);
+    if (addresses.empty()) {
+        return complain("no such address: " + arguments.listen);
+    }
+    if (!std::all_of(addresses.begin(), addresses.end(), isLoopback)) {
+        if (const std::string missing = missingOffLoopback(arguments); !missing.empty()) {
+            return complainOfArgument("other machines reach " + arguments.listen + ", so this is missing: " + missing);
+        }
+    }
+    if (const std::string error = readFiles(arguments); !error.empty()) {
+        return complain(error);
     }
     if (const int error = openTree(arguments.directory); error != 0) {
         return complain(std::string(arguments.directory) + ": " + std::strerror(-error));
     }
-    sockaddr_storage address = {};
-    if (!resolveAddress(arguments, address)) {
-        return complain("no such address: " + arguments.listen);
+    if (arguments.hasSecret) {
+        if (const std::string error = addSecret(arguments); !error.empty()) {
+            return complain(error);
+        }
     }
+    service.access.hosts.push_back(arguments.listen);
     service.connections = raiseDescriptorLimit();
+    if (geteuid() == 0 && !service.access.readOnly) {
+        say("warning: root serves a folder that clients can change; another user or --read-only is safer");
+    }
 
     // Blocked before the service's threads are made, so that the signals come to the descriptor.
-    sigset_t stopping;
-    sigemptyset(&stopping);
-    sigaddset(&stopping, SIGINT);
-    sigaddset(&stopping, SIGTERM);
-    pthread_sigmask(SIG_BLOCK, &stopping, nullptr);
+    sigset_t awaited;
+    sigemptyset(&awaited);
+    sigaddset(&awaited, SIGINT);
+    sigaddset(&awaited, SIGTERM);
+    sigaddset(&awaited, SIGHUP);
+    pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
+    const bool isDetached = std::signal(SIGHUP, SIG_DFL) == SIG_IGN; // by nohup
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow further is a refused request
+    const int signals = signalfd(-1, &awaited, SFD_CLOEXEC);
 
-    const int listener = listenOn(reinterpret_cast<const sockaddr*>(&address), sizeof address);
-    if (listener < 0) {
+    std::vector<int> listeners;
+    if (const int error = listenOnAll(addresses, listeners); error != 0) {
         return complain("cannot serve on " + arguments.listen + " port " + std::to_string(arguments.port) + ": " +
-                        std::strerror(-listener));
+                        std::strerror(-error));
     }
     MHD_Daemon* daemon = startService(service);
-    const int signals = signalfd(-1, &stopping, SFD_CLOEXEC);
     if (daemon == nullptr || signals < 0) {
-        return complain(service.certificate.empty() ? std::string("cannot serve: ") + std::strerror(errno)
-                                                    : "cannot serve: the certificate or its key is not usable");
+        return complain(std::string("cannot serve: ") + std::strerror(errno));
     }
-    std::puts(baseUrl(arguments, address, portOf(listener)).c_str());
+    const std::string url = baseUrl(arguments, addresses.front(), portOf(listeners.front()));
+    if (url.size() > longestBaseUrl) {
+        say("warning: kelvane_vfs takes no base URL of more than 127 characters");
+    }
+    std::puts(url.c_str());
     std::fflush(stdout);
 
-    acceptConnections(daemon, {listener}, service.connections, signals);
-    close(listener);
-    if (!stopService(daemon)) {
-        std::_Exit(0);
+    const bool endsWithTerminal = !isDetached && hasTerminal();
+    // A terminal that goes away sends SIGHUP as well, and takes its programs with it.
+    while (acceptConnections(daemon, listeners, service.connections, signals) == SIGHUP &&
+           (!endsWithTerminal || hasTerminal())) {
+        const std::string error = readFiles(arguments);
+        say(error.empty() ? "read certificate, users and log file again" : "kept what it had: " + error);
     }
-    return 0;
+    closeAll(listeners);
+    if (!stopService(daemon)) {
+        std::_Exit(success);
+    }
+    return success;
 }

@@ -2,14 +2,24 @@
 // library's request handler.
 #pragma once
 
+#include <cstdint>
 #include <microhttpd.h>
 #include <string>
+
+// What became of a request, for the log.
+struct Sent {
+    unsigned status = 0; // 0 while nothing was sent
+    std::uint64_t bytes = 0;
+};
+
+// What this thread has sent since the last call.
+Sent takeSent();
 
 // The HTTP status for a negated error number.
 unsigned statusOf(int error);
 
-// Sends `response` and releases it; MHD_NO for null.
-MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response);
+// Sends `response`, whose body has `bytes` bytes, and releases it; MHD_NO for null.
+MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes);
 
 // A response that is only its status. The body is empty because readers take whatever body comes for file data.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);

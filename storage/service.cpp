@@ -1,8 +1,11 @@
 #include "storage/service.h"
 
+#include "storage/access.h"
+#include "storage/certificate.h"
 #include "storage/connections.h"
 #include "storage/contents.h"
 #include "storage/replies.h"
+#include "storage/request_log.h"
 #include "storage/response.h"
 #include "storage/target.h"
 #include "storage/tree.h"
@@ -40,10 +43,13 @@ std::atomic<unsigned> running = 0; // requests whose header is there and whose r
 // One request, from its request line to the end of its reply.
 struct Exchange {
     std::string text; // path and query as they arrived
+    Visitor visitor;
     Target target;
     bool judged = false;
-    unsigned refusal = 0; // HTTP status; 0 for a request that may go on
+    bool understood = false; // `target` is what the client asks for
+    unsigned refusal = 0;    // HTTP status; 0 for a request that may go on
     Upload upload;
+    Sent sent;
 };
 
 // For the changes whose reply says nothing but whether they were made.
@@ -107,10 +113,13 @@ MHD_Result answer(MHD_Connection* connection, const Target& target) {
 // Judges a request by its line and headers, and opens the file of an upload: 0, or the status that refuses
 // it.
 unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchange) {
-    const int malformed = parseTarget(exchange.text, service.prefix, exchange.target);
-    if (malformed != 0) {
+    if (const unsigned refused = admit(connection, service.access, exchange.text, exchange.visitor); refused != 0) {
+        return refused;
+    }
+    if (const int malformed = parseTarget(exchange.text, service.access.base, exchange.target); malformed != 0) {
         return malformed;
     }
+    exchange.understood = true;
     const Action action = exchange.target.action;
     const bool isUpload = std::strcmp(method, MHD_HTTP_METHOD_PUT) == 0;
     const bool isHead = std::strcmp(method, MHD_HTTP_METHOD_HEAD) == 0;
@@ -118,7 +127,7 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
     if (action == Action::write ? !isUpload : !isGet && (!isHead || isChange(action))) {
         return MHD_HTTP_METHOD_NOT_ALLOWED;
     }
-    if (service.readOnly && isChange(action)) {
+    if (exchange.visitor.readOnly && isChange(action)) {
         return MHD_HTTP_FORBIDDEN;
     }
     return isUpload ? beginUpload(connection, exchange.target, exchange.upload) : 0;
@@ -126,9 +135,8 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
 
 // Called once when the headers are there, then with each piece of the body, then once more. A reply that is
 // given at the first call ends the connection, so only those go out then that spare a client its upload.
-MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char* method, const char*, const char* data,
-                     std::size_t* size, void** context) {
-    auto& exchange = *static_cast<Exchange*>(*context);
+MHD_Result handle(MHD_Connection* connection, const char* method, const char* data, std::size_t* size,
+                  Exchange& exchange) {
     const bool isFirst = !exchange.judged;
     if (isFirst) {
         exchange.judged = true;
@@ -153,6 +161,16 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     return exchange.upload.file >= 0 ? endUpload(connection, exchange.upload) : answer(connection, exchange.target);
 }
 
+MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char* method, const char*, const char* data,
+                     std::size_t* size, void** context) {
+    auto& exchange = *static_cast<Exchange*>(*context);
+    const MHD_Result result = handle(connection, method, data, size, exchange);
+    if (const Sent sent = takeSent(); sent.status != 0) {
+        exchange.sent = sent;
+    }
+    return result;
+}
+
 void* onRequestLine(void*, const char* text, MHD_Connection*) {
     auto* exchange = new Exchange;
     exchange->text = text;
@@ -163,6 +181,12 @@ void onCompleted(void*, MHD_Connection* connection, void** context, MHD_RequestT
     auto* exchange = static_cast<Exchange*>(*context);
     if (exchange != nullptr && exchange->judged) {
         releaseUpload(exchange->upload);
+        if (isLogging()) {
+            const bool isUpload = exchange->target.action == Action::write;
+            writeLog({MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CLIENT_ADDRESS)->client_addr,
+                      exchange->visitor.user, exchange->understood ? &exchange->target : nullptr, exchange->sent.status,
+                      isUpload ? exchange->upload.received : exchange->sent.bytes});
+        }
         awaitNextHeader(connection);
         --running;
     }
@@ -181,15 +205,16 @@ MHD_Daemon* startService(const ServiceOptions& options) {
     service = options;
     unsigned flags =
         MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD | MHD_USE_NO_LISTEN_SOCKET | MHD_USE_ITC;
+    const char* priorities = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
     MHD_OptionItem tls[] = {
-        {MHD_OPTION_HTTPS_MEM_CERT, 0, service.certificate.data()},
-        {MHD_OPTION_HTTPS_MEM_KEY, 0, service.key.data()},
+        {MHD_OPTION_HTTPS_CERT_CALLBACK, 0, reinterpret_cast<void*>(chooseCertificate)},
+        {MHD_OPTION_HTTPS_PRIORITIES, 0, const_cast<char*>(priorities)},
         {MHD_OPTION_END, 0, nullptr},
     };
-    if (service.certificate.empty()) {
-        tls[0] = {MHD_OPTION_END, 0, nullptr};
-    } else {
+    if (service.tls) {
         flags |= MHD_USE_TLS;
+    } else {
+        tls[0] = {MHD_OPTION_END, 0, nullptr};
     }
     return MHD_start_daemon(flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, onConnection,
                             nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED,

@@ -1,17 +1,14 @@
 // The HTTP side of the server.
 #pragma once
 
-#include <cstdint>
-#include <string>
+#include "storage/access.h"
 
 struct MHD_Daemon;
 
 struct ServiceOptions {
-    std::string prefix = "/"; // what every path begins with
-    bool readOnly = false;
+    AccessOptions access;
+    bool tls = false;         // with the certificate of storage/certificate.h
     unsigned connections = 8; // at most, at once
-    std::string certificate;  // PEM texts; both empty without TLS
-    std::string key;
 };
 
 // Starts to serve the opened tree to the connections that are handed over to the daemon; null when that fails. Each

@@ -62,17 +62,6 @@ bool decodePercent(std::string_view encoded, std::string& text) {
     return true;
 }
 
-// "http://host:port/path" is as good as "/path".
-std::string_view withoutAuthority(std::string_view text) {
-    for (const std::string_view scheme : {"http://", "https://"}) {
-        if (text.starts_with(scheme)) {
-            const std::size_t slash = text.find('/', scheme.size());
-            return slash == std::string_view::npos ? "/" : text.substr(slash);
-        }
-    }
-    return text;
-}
-
 bool parseParameter(std::string_view parameter, Target& target, bool& hasTo, bool& hasOffset) {
     const std::string_view key = takeUntil(parameter, '=');
     if (key == "action") {
@@ -122,6 +111,26 @@ bool parseQuery(std::string_view query, Target& target) {
 
 } // namespace
 
+std::string_view withoutAuthority(std::string_view text, std::string_view& authority) {
+    for (const std::string_view scheme : {"http://", "https://"}) {
+        if (text.starts_with(scheme)) {
+            const std::size_t slash = std::min(text.find('/', scheme.size()), text.size());
+            authority = text.substr(scheme.size(), slash - scheme.size());
+            return slash == text.size() ? "/" : text.substr(slash);
+        }
+    }
+    return text;
+}
+
+std::string_view nameOf(Action action) {
+    for (const ActionName& entry : actionNames) {
+        if (entry.action == action) {
+            return entry.name;
+        }
+    }
+    return "read";
+}
+
 bool isChange(Action action) {
     return action != Action::plain && action != Action::props && action != Action::statvfs;
 }
@@ -146,7 +155,8 @@ bool decodePath(std::string_view encoded, std::string& path) {
 }
 
 int parseTarget(std::string_view text, std::string_view prefix, Target& target) {
-    std::string_view query = withoutAuthority(text);
+    std::string_view authority;
+    std::string_view query = withoutAuthority(text, authority);
     std::string_view encoded = takeUntil(query, '?');
     if (!encoded.starts_with('/')) {
         return MHD_HTTP_BAD_REQUEST;

@@ -24,6 +24,13 @@ struct Range {
 
 enum class RangeKind { whole, part, unsatisfiable };
 
+// "http://host:port/path" is as good as "/path": returns the path and query of `text` and leaves "host:port" in
+// `authority`, which keeps its value where there is none.
+std::string_view withoutAuthority(std::string_view text, std::string_view& authority);
+
+// What a query calls the action; "read" for a plain read.
+std::string_view nameOf(Action action);
+
 // True for the actions that change something.
 bool isChange(Action action);
 
