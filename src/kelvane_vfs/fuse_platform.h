@@ -12,10 +12,15 @@ void platformBeforeLoop();
 // the library does not do so itself.
 void platformLoopStarts(struct fuse_conn_info* conn);
 
-// Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed.
+// Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed. Ignores SIGPIPE
+// again, which the library has set back.
 void platformLoopEnded();
 
 // Makes the running FUSE loop of this process end as FUSE's own exit-signal handler would. Called by the exit
 // thread only. The library's own on macOS, hence a C function; ours on Linux, where it returns when the loop
 // has ended.
 extern "C" void fuse_exit_handler_internal_np();
+
+// Takes the disk out of the tree of files at once, even when it is in use and nobody answers for it; does nothing when
+// it is not there. Called by the thread that ends the process right after.
+void platformDetachMount();

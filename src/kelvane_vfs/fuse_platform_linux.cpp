@@ -1,10 +1,14 @@
 #include "kelvane_vfs/fuse_platform.h"
 
+#include "kelvane_vfs/process.h"
+
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
 #include <fuse_lowlevel.h>
 #include <pthread.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 
 namespace {
 
@@ -16,6 +20,10 @@ const pthread_t mainThread = pthread_self();
 pthread_mutex_t loopLock = PTHREAD_MUTEX_INITIALIZER;
 struct fuse* runningLoop = nullptr;
 bool loopEnded = false;
+
+// The device number of the disk at `mountDirectory`, which no other mount has while the disk lives; 0 before the init
+// callback.
+dev_t diskDevice = 0;
 
 constexpr unsigned largestWrite = 131072;
 constexpr long firstPauseNanoseconds = 1'000'000;
@@ -31,6 +39,16 @@ void holdDeviceToTheEnd(struct fuse_session* session) {
     constexpr int highNumber = 63;
     const int device = fuse_chan_fd(fuse_session_next_chan(session, nullptr));
     [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
+}
+
+// The device number of what is mounted at `mountDirectory`, without a question to the one who answers for it; 0 when it
+// cannot be told.
+dev_t deviceAtMountDirectory() {
+    struct statx there = {};
+    if (mountDirectory == nullptr || statx(AT_FDCWD, mountDirectory, AT_STATX_DONT_SYNC, 0, &there) != 0) {
+        return 0;
+    }
+    return makedev(there.stx_dev_major, there.stx_dev_minor);
 }
 
 // One attempt to end the loop; false when the loop is over and no further one is needed. The first attempt marks the
@@ -76,6 +94,7 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
     runningLoop = fuse_get_context()->fuse;
     loopEnded = false;
     pthread_mutex_unlock(&loopLock);
+    diskDevice = deviceAtMountDirectory();
     holdDeviceToTheEnd(fuse_get_session(fuse_get_context()->fuse));
     conn->want |= conn->capable & FUSE_CAP_BIG_WRITES;
     if (conn->max_write > largestWrite) {
@@ -84,6 +103,7 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
 }
 
 void platformLoopEnded() {
+    std::signal(SIGPIPE, SIG_IGN);
     pthread_mutex_lock(&loopLock);
     runningLoop = nullptr;
     loopEnded = true;
@@ -101,5 +121,13 @@ void fuse_exit_handler_internal_np() {
         if (pause.tv_nsec < longestPauseNanoseconds) {
             pause.tv_nsec *= 2;
         }
+    }
+}
+
+// Somebody may have unmounted the disk meanwhile and mounted another one there. The library knows how root unmounts and
+// how others do, and without the device it does not wait for anybody.
+void platformDetachMount() {
+    if (diskDevice != 0 && deviceAtMountDirectory() == diskDevice) {
+        fuse_unmount(mountDirectory, nullptr);
     }
 }

@@ -1,7 +1,10 @@
 #include "kelvane_vfs/fuse_platform.h"
 
 #include "kelvane_vfs/operations.h"
+#include "kelvane_vfs/process.h"
 
+#include <csignal>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <type_traits>
@@ -21,4 +24,12 @@ void platformBeforeLoop() {}
 
 void platformLoopStarts(struct fuse_conn_info*) {}
 
-void platformLoopEnded() {}
+void platformLoopEnded() {
+    std::signal(SIGPIPE, SIG_IGN);
+}
+
+void platformDetachMount() {
+    if (mountDirectory != nullptr) {
+        unmount(mountDirectory, MNT_FORCE);
+    }
+}

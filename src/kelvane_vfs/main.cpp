@@ -7,9 +7,28 @@
 #include "kelvane_vfs/transport.h"
 
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
+namespace {
+
+// Where FUSE mounts: its first argument that is no option, wherever that stands. Null when there is none, or no such
+// directory.
+char* findMountDirectory(int argc, char* argv[]) {
+    for (int i = 3; i < argc; ++i) {
+        if (std::strcmp(argv[i], "-o") == 0) {
+            ++i;
+        } else if (argv[i][0] != '-') {
+            return realpath(argv[i], nullptr);
+        }
+    }
+    return nullptr;
+}
+
+} // namespace
+
 int main(int argc, char* argv[]) {
+    openStandardDescriptors();
     if (argc < 2) {
         return 1;
     }
@@ -27,6 +46,7 @@ int main(int argc, char* argv[]) {
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
     mountPoint = argv[argc - 1];
+    mountDirectory = findMountDirectory(argc, argv);
     startExitThread();
     checkedCopy(baseURL, sizeof baseURL, argv[1]);
     // A password or a secret in it would stay in the process list.

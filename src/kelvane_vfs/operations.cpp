@@ -21,7 +21,7 @@ template <typename Table> constexpr Table withAttributeSlots(Table table) {
 
 void* kelvane_init(struct fuse_conn_info* conn) {
     platformLoopStarts(conn);
-    keepExitThread();
+    prepareToStop();
     signals_init();
     DirInit();
     return nullptr;

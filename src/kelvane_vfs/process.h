@@ -1,4 +1,5 @@
-// What the process has one of: its globals, its environment, its heap and its end. `main` sets the globals before the
+// What the process has one of: its globals, its standard descriptors, its environment, its heap
+// and its end. `main` sets the globals before the
 // FUSE loop starts, but for the pipe and the exit thread (stop_path), `exitCode` and `finderInformed`.
 #pragma once
 
@@ -15,6 +16,10 @@ extern char* finderName;
 // The mount point as given on the command line (not copied).
 extern const char* mountPoint;
 
+// The directory that FUSE mounts at, absolute (heap copy, lives as long as the process), or null when the command line
+// names none. Differs from the mount point above where that is relative or an option stands behind it.
+extern char* mountDirectory;
+
 // Read and write end of the pipe from the signal handler to the exit thread; zeros until it is open.
 extern int threadPipe[2];
 
@@ -27,6 +32,10 @@ extern std::atomic<std::int32_t> exitCode;
 // 1 once the first attribute request has started the sidebar registration. Plain on purpose: two first
 // requests at the same moment may both start it, and the second insertion changes nothing.
 extern int finderInformed;
+
+// Opens /dev/null in the place of standard input, output and error where they are closed, so that no other file gets
+// their numbers. Called first.
+void openStandardDescriptors();
 
 // Empties the environment, where the libraries would look for proxies, certificates, name servers, stack sizes and
 // more: what the daemon does depends on its command line alone. Called before the first thread is made.

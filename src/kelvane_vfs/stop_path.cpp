@@ -10,12 +10,21 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <poll.h>
 #include <unistd.h>
 
 namespace {
 
 // The process that the exit thread lives in; 0 while there is no pipe for it to wait on.
 pid_t exitThreadProcess = 0;
+
+// The pipe from the signal handler to the guard.
+int guardPipe[2] = {-1, -1};
+
+// A second signal may be the same wish twice (a terminal that closes, a script that passes an interrupt on), so the
+// loop has this long to end all the same.
+constexpr int graceMilliseconds = 500;
+constexpr int patienceMilliseconds = 30'000;
 
 // Handlers that are still printing: the exit thread lets them finish, so that the lines come in their order.
 std::atomic<int> handlersRunning{0};
@@ -46,6 +55,40 @@ int createExitThread() {
     return pthread_create(&closeFuseThread, nullptr, exitThreadFunction, const_cast<char*>(mountPoint));
 }
 
+// Without flushing: the trace is written line by line, and whoever should read it may have stopped reading.
+[[noreturn]] void endAtOnce() {
+    platformDetachMount();
+    _exit(1);
+}
+
+void* guardStop(void*) {
+    char byte = 0;
+    if (read(guardPipe[0], &byte, 1) == 1) {
+        poll(nullptr, 0, graceMilliseconds);
+        pollfd second = {guardPipe[0], POLLIN, 0};
+        poll(&second, 1, patienceMilliseconds - graceMilliseconds);
+    }
+    endAtOnce();
+}
+
+// The guard takes no signal: a handler that prints to a reader who has stopped reading does not come back.
+int createGuard() {
+    if (pipe(guardPipe) != 0) {
+        return errno;
+    }
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    pthread_t guard = {};
+    const int created = pthread_create(&guard, nullptr, guardStop, nullptr);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (created == 0) {
+        pthread_detach(guard);
+    }
+    return created;
+}
+
 } // namespace
 
 void startExitThread() {
@@ -64,9 +107,19 @@ void startExitThread() {
     }
 }
 
-void keepExitThread() {
+void prepareToStop() {
+    int failure = 0;
     if (exitThreadProcess != 0 && exitThreadProcess != getpid()) {
-        createExitThread();
+        close(threadPipe[0]);
+        close(threadPipe[1]);
+        failure = pipe(threadPipe) != 0 ? errno : createExitThread();
+    }
+    if (failure == 0) {
+        failure = createGuard();
+    }
+    if (failure != 0) {
+        std::fprintf(stderr, "no thread to stop with: %s\n", std::strerror(failure));
+        endAtOnce();
     }
 }
 
@@ -83,11 +136,13 @@ void* exitThreadFunction(void*) {
 
 void handleSignal(int signal) {
     const int savedErrno = errno;
+    const char byte = 0;
+    // First, because the lines may not get out.
+    [[maybe_unused]] const ssize_t guardTold = write(guardPipe[1], &byte, 1);
     ++handlersRunning;
     printInHandler("handleSignal: %d\n", signal);
     printInHandler("stopping fuse for mount point %s\n", mountPoint);
     exitCode = 1;
-    const char byte = 0;
     const ssize_t written = write(threadPipe[1], &byte, 1);
     const int writeError = errno;
     printInHandler("handleSignal: write result = %d\n", static_cast<int>(written));

@@ -1,14 +1,18 @@
-// How the daemon stops: a signal handler writes one byte into a pipe, the exit thread reads it and makes FUSE
-// leave its loop. Nothing of FUSE is called inside the handler.
+// How the daemon stops: a signal handler writes one byte into a pipe, the exit thread reads it and makes FUSE leave its
+// loop. Nothing of FUSE is called inside the handler. A loop that waits for a server that does not answer cannot end:
+// then a guard ends the process with status 1, after a second signal or half a minute after the first, and takes the
+// disk out of the tree of files, so that nobody goes on waiting for it.
 #pragma once
 
 // Opens the pipe and starts the exit thread; failures are printed and leave the daemon without an exit
 // thread.
 void startExitThread();
 
-// Called in the process that serves: starts the exit thread anew if FUSE has forked into the background
-// since, because a fork takes no thread but the caller along.
-void keepExitThread();
+// Called in the process that serves, before the handlers are installed: starts the guard, and if FUSE has forked into
+// the background since, an exit thread with a pipe of its own, because a fork takes no thread but the caller along, and
+// the parent's exit thread still reads from the pipe before. A process that could not be stopped ends here, with status
+// 1 and unmounted.
+void prepareToStop();
 
 // Body of the exit thread; the argument (the mount point) is not used.
 void* exitThreadFunction(void* arg);

@@ -8,6 +8,10 @@
 
 using darwin_mode_t = std::uint16_t;
 
+inline int unmount(const char*, int) {
+    return 0;
+}
+
 struct darwin_stat {
     std::int32_t st_dev;
     darwin_mode_t st_mode;
