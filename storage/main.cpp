@@ -63,7 +63,6 @@ const char* const usageText =
     "  --tls-key FILE       and this key\n"
     "  --behind-proxy       clients come through a proxy that does HTTPS\n"
     "  --log FILE           write a line for each request; - is standard output\n"
-    "  --threads N          how many threads serve (4)\n"
     "  --version, --help\n";
 
 void say(const std::string& text) {
@@ -249,9 +248,9 @@ unsigned raiseDescriptorLimit() {
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
         return fewestConnections;
     }
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    const rlim_t room = limit.rlim_cur > ownDescriptors ? (limit.rlim_cur - ownDescriptors) / 3 : 0;
+    const rlimit raised = {limit.rlim_max, limit.rlim_max};
+    const rlim_t most = setrlimit(RLIMIT_NOFILE, &raised) == 0 ? raised.rlim_cur : limit.rlim_cur;
+    const rlim_t room = most > ownDescriptors ? (most - ownDescriptors) / 3 : 0;
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
