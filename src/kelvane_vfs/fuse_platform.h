@@ -12,6 +12,11 @@ void platformBeforeLoop();
 // the library does not do so itself.
 void platformLoopStarts(struct fuse_conn_info* conn);
 
+// Called from the init callback, after the first request to the server, which took `seconds` with its connection: lets
+// the kernel read ahead of programs as far as this distance needs. Changes nothing where the server is near, where the
+// kernel refuses it to this user, and on macOS.
+void platformFitReadAhead(struct fuse_conn_info* conn, double seconds);
+
 // Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed. Ignores SIGPIPE
 // again, which the library has set back.
 void platformLoopEnded();

@@ -2,11 +2,14 @@
 
 #include "kelvane_vfs/process.h"
 
+#include <algorithm>
 #include <csignal>
 #include <ctime>
 #include <fcntl.h>
+#include <fstream>
 #include <fuse_lowlevel.h>
 #include <pthread.h>
+#include <string>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 
@@ -26,6 +29,13 @@ bool loopEnded = false;
 dev_t diskDevice = 0;
 
 constexpr unsigned largestWrite = 131072;
+
+// The kernel reads in requests of this size, and ahead of programs by one of them unless it is told otherwise.
+constexpr unsigned largestRead = 131072;
+constexpr unsigned mostReadsAhead = 64;
+constexpr unsigned usualBackground = 12;     // requests that the kernel has under way on its own account
+constexpr double lineBytesPerSecond = 125e6; // a gigabit line is to be full
+
 constexpr long firstPauseNanoseconds = 1'000'000;
 constexpr long longestPauseNanoseconds = 128'000'000;
 
@@ -99,6 +109,26 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
     conn->want |= conn->capable & FUSE_CAP_BIG_WRITES;
     if (conn->max_write > largestWrite) {
         conn->max_write = largestWrite;
+    }
+}
+
+void platformFitReadAhead(struct fuse_conn_info* conn, double seconds) {
+    const double distance = seconds * lineBytesPerSecond / largestRead;
+    const auto reads = static_cast<unsigned>(std::min<double>(distance, mostReadsAhead));
+    // Less than the kernel's own is a choice of whoever mounted.
+    if (reads < 2 || conn->max_readahead < largestRead) {
+        return;
+    }
+    std::ofstream setting("/sys/class/bdi/" + std::to_string(major(diskDevice)) + ":" +
+                          std::to_string(minor(diskDevice)) + "/read_ahead_kb");
+    if (!(setting << reads * (largestRead / 1024) << std::flush)) {
+        return;
+    }
+    conn->max_readahead = reads * largestRead;
+    // Two stretches of this length are under way at once. The kernel's own limits would hold one of them back.
+    if (conn->max_background == 0) {
+        conn->max_background = std::max(2 * reads, usualBackground);
+        conn->congestion_threshold = conn->max_background;
     }
 }
 

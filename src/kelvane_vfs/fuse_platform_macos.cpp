@@ -24,6 +24,8 @@ void platformBeforeLoop() {}
 
 void platformLoopStarts(struct fuse_conn_info*) {}
 
+void platformFitReadAhead(struct fuse_conn_info*, double) {}
+
 void platformLoopEnded() {
     std::signal(SIGPIPE, SIG_IGN);
 }

@@ -3,6 +3,8 @@
 #include "cache/life.h"
 #include "kelvane_vfs/stop_path.h"
 
+#include <chrono>
+
 namespace {
 
 // Changes of attributes are accepted and ignored, in the one slot that macOS's table has for all of them or in a slot
@@ -23,7 +25,10 @@ void* kelvane_init(struct fuse_conn_info* conn) {
     platformLoopStarts(conn);
     prepareToStop();
     signals_init();
+    const auto start = std::chrono::steady_clock::now();
     DirInit();
+    const std::chrono::duration<double> firstRequest = std::chrono::steady_clock::now() - start;
+    platformFitReadAhead(conn, firstRequest.count());
     return nullptr;
 }
 
