@@ -1,46 +1,67 @@
 #include "storage/contents.h"
 
+#include "storage/memory.h"
 #include "storage/replies.h"
 #include "storage/response.h"
 #include "storage/target.h"
 #include "storage/tree.h"
 
+#include <algorithm>
 #include <cerrno>
-#include <cstdlib>
+#include <cinttypes>
+#include <cstdio>
 #include <fcntl.h>
+#include <memory>
+#include <new>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
 constexpr std::uint64_t largestCopiedReply = 1 << 18;
 
-// Up to `length` bytes of the file at `offset` on the heap: what is there now is what the reply declares,
-// also when somebody cuts the file short meanwhile.
+// A part of a file, on the heap.
+struct Copy {
+    char* bytes;
+    std::size_t size;
+};
+
+void freeCopy(void* context) {
+    auto* copy = static_cast<Copy*>(context);
+    BodyAllocator<char>().deallocate(copy->bytes, copy->size);
+    delete copy;
+}
+
+// Up to `length` bytes of the file at `offset`: what is there now is what the response declares, also when somebody
+// cuts the file short meanwhile. Null when it cannot be read.
 MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) {
-    auto* bytes = static_cast<char*>(std::malloc(length));
+    std::unique_ptr<Copy, void (*)(void*)> copy(new Copy{nullptr, 0}, freeCopy);
+    copy->bytes = BodyAllocator<char>().allocate(length);
+    copy->size = length;
     std::uint64_t count = 0;
-    while (bytes != nullptr && count < length) {
-        const ssize_t got = pread(file, bytes + count, length - count, static_cast<off_t>(offset + count));
-        if (got < 0 && errno == EINTR) {
-            continue;
+    while (count < length) {
+        const ssize_t got = pread(file, copy->bytes + count, length - count, static_cast<off_t>(offset + count));
+        if (got < 0 && errno != EINTR) {
+            return nullptr;
         }
-        if (got < 0) {
-            std::free(bytes);
-            bytes = nullptr;
-        }
-        if (got <= 0) {
+        if (got == 0) {
             break;
         }
-        count += got;
+        count += std::max<ssize_t>(got, 0);
     }
-    close(file);
     length = count;
-    return bytes != nullptr ? MHD_create_response_from_buffer(count, bytes, MHD_RESPMEM_MUST_FREE) : nullptr;
+    MHD_Response* response =
+        MHD_create_response_from_buffer_with_free_callback_cls(count, copy->bytes, freeCopy, copy.get());
+    if (response == nullptr) {
+        throw std::bad_alloc();
+    }
+    (void)copy.release();
+    return response;
 }
 
 // A long body, read as it is sent. The library's own sendfile would wait without end for a file that somebody has cut
-// short; here the reply breaks off instead.
+// short; here the response breaks off instead.
 struct Stream {
     int file;
     std::uint64_t first;
@@ -62,26 +83,33 @@ void endStream(void* context) {
     auto* stream = static_cast<Stream*>(context);
     close(stream->file);
     delete stream;
+    giveMemoryBack(largestCopiedReply);
 }
 
-MHD_Response* streamedBody(MHD_Connection* connection, int file, const Range& range) {
+// Takes `file` over.
+MHD_Response* streamedBody(MHD_Connection* connection, int& file, const Range& range) {
     const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-    auto* stream = new Stream{file, range.first, socket};
+    auto stream = std::make_unique<Stream>(Stream{file, range.first, socket});
+    takeMemory(largestCopiedReply);
     MHD_Response* response =
-        MHD_create_response_from_callback(range.length, largestCopiedReply, readStream, stream, endStream);
+        MHD_create_response_from_callback(range.length, largestCopiedReply, readStream, stream.get(), endStream);
     if (response == nullptr) {
-        endStream(stream);
+        giveMemoryBack(largestCopiedReply);
+        throw std::bad_alloc();
     }
+    (void)stream.release();
+    file = -1;
     return response;
 }
 
-MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
+// Answers with the file or the range that is asked for. `file` becomes -1 if it is still needed then.
+MHD_Result sendFile(MHD_Connection* connection, int& file, std::uint64_t size) {
     const char* header = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
     Range range = {};
     const RangeKind kind = parseRange(header, size, range);
     MHD_Response* response = nullptr;
     if (kind == RangeKind::unsatisfiable) {
-        close(file);
+        range.length = 0;
         response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
     } else if (range.length <= largestCopiedReply) {
         response = copiedBody(file, range.first, range.length);
@@ -96,15 +124,16 @@ MHD_Result sendFile(MHD_Connection* connection, int file, std::uint64_t size) {
     if (kind == RangeKind::whole) {
         return sendResponse(connection, MHD_HTTP_OK, response, range.length);
     }
-    const std::string total = std::to_string(size);
-    if (kind == RangeKind::unsatisfiable || range.length == 0) {
-        MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, ("bytes */" + total).c_str());
-        return sendResponse(connection, MHD_HTTP_RANGE_NOT_SATISFIABLE, response, 0);
+    char span[80];
+    if (range.length == 0) {
+        std::snprintf(span, sizeof span, "bytes */%" PRIu64, size);
+    } else {
+        std::snprintf(span, sizeof span, "bytes %" PRIu64 "-%" PRIu64 "/%" PRIu64, range.first,
+                      range.first + range.length - 1, size);
     }
-    const std::string span =
-        "bytes " + std::to_string(range.first) + "-" + std::to_string(range.first + range.length - 1) + "/" + total;
-    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, span.c_str());
-    return sendResponse(connection, MHD_HTTP_PARTIAL_CONTENT, response, range.length);
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_RANGE, span);
+    return sendResponse(connection, range.length == 0 ? MHD_HTTP_RANGE_NOT_SATISFIABLE : MHD_HTTP_PARTIAL_CONTENT,
+                        response, range.length);
 }
 
 } // namespace
@@ -118,18 +147,18 @@ MHD_Result sendContents(MHD_Connection* connection, const std::string& path) {
     if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
         return sendStatus(connection, MHD_HTTP_FORBIDDEN);
     }
-    const int descriptor = openInTree(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    int descriptor = openInTree(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0) {
         return sendStatus(connection, statusOf(descriptor));
     }
+    const ClosedAtEnd closed(&descriptor);
     if (fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode)) {
         return sendFile(connection, descriptor, st.st_size);
     }
     if (!S_ISDIR(st.st_mode)) {
-        close(descriptor);
         return sendStatus(connection, MHD_HTTP_FORBIDDEN);
     }
-    std::string listing;
-    const int result = listingObject(descriptor, path, listing);
+    Text listing;
+    const int result = listingObject(std::exchange(descriptor, -1), path, listing);
     return result == 0 ? sendJson(connection, std::move(listing)) : sendStatus(connection, statusOf(result));
 }

@@ -17,6 +17,7 @@
 #include <getopt.h>
 #include <netdb.h>
 #include <netinet/in.h>
+#include <new>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -27,6 +28,7 @@ constexpr unsigned mostThreads = 256;
 constexpr rlim_t ownDescriptors = 32;
 constexpr rlim_t fewestConnections = 8;
 constexpr rlim_t mostConnections = 16384;
+constexpr unsigned mostConnectionsOfOne = 1024;
 constexpr int mostPortTrials = 64;
 constexpr std::size_t longestBaseUrl = 127; // what kelvane_vfs takes
 
@@ -36,6 +38,7 @@ struct Arguments {
     std::string listen = "127.0.0.1";
     unsigned port = 0;
     unsigned threads = 0;
+    bool sync = false;
     std::string certificateFile;
     std::string keyFile;
     std::string usersFile;
@@ -55,6 +58,7 @@ const char* const usageText =
     "  --port N             port; 0, which is the default, picks a free one\n"
     "  --prefix PATH        what the base URL's path begins with (/)\n"
     "  --read-only          refuse every change\n"
+    "  --sync               put every change on the disk before it is answered\n"
     "  --secret-file FILE   keep the secret of the base URL in FILE; without, each start makes a new one\n"
     "  --no-secret          no secret in the base URL\n"
     "  --users FILE         ask for one of the names and passwords in FILE\n"
@@ -97,6 +101,7 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
         {"port", required_argument, nullptr, 'p'},
         {"prefix", required_argument, nullptr, 'x'},
         {"read-only", no_argument, nullptr, 'r'},
+        {"sync", no_argument, nullptr, 'y'},
         {"secret-file", required_argument, nullptr, 's'},
         {"no-secret", no_argument, nullptr, 'n'},
         {"users", required_argument, nullptr, 'u'},
@@ -130,6 +135,9 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             break;
         case 'r':
             service.access.readOnly = true;
+            break;
+        case 'y':
+            arguments.sync = true;
             break;
         case 's':
             arguments.secretFile = optarg;
@@ -255,7 +263,7 @@ unsigned raiseDescriptorLimit() {
 }
 
 // What SIGHUP reads again; an empty text, or what is wrong in words.
-std::string readFiles(const Arguments& arguments) {
+std::string readFiles(const Arguments& arguments) try {
     if (arguments.service.tls) {
         if (std::string error = readCertificate(arguments.certificateFile, arguments.keyFile); !error.empty()) {
             return error;
@@ -272,6 +280,8 @@ std::string readFiles(const Arguments& arguments) {
         }
     }
     return "";
+} catch (const std::bad_alloc&) {
+    return "out of memory";
 }
 
 std::string addSecret(Arguments& arguments) {
@@ -346,7 +356,8 @@ int main(int argc, char* argv[]) {
     if (addresses.empty()) {
         return complain("no such address: " + arguments.listen);
     }
-    if (!std::all_of(addresses.begin(), addresses.end(), isLoopback)) {
+    const bool isOffLoopback = !std::all_of(addresses.begin(), addresses.end(), isLoopback);
+    if (isOffLoopback) {
         if (const std::string missing = missingOffLoopback(arguments); !missing.empty()) {
             return complainOfArgument("other machines reach " + arguments.listen + ", so this is missing: " + missing);
         }
@@ -354,7 +365,7 @@ int main(int argc, char* argv[]) {
     if (const std::string error = readFiles(arguments); !error.empty()) {
         return complain(error);
     }
-    if (const int error = openTree(arguments.directory); error != 0) {
+    if (const int error = openTree(arguments.directory, arguments.sync); error != 0) {
         return complain(std::string(arguments.directory) + ": " + std::strerror(-error));
     }
     if (arguments.hasSecret) {
@@ -364,6 +375,9 @@ int main(int argc, char* argv[]) {
     }
     service.access.hosts.push_back(arguments.listen);
     service.connections = raiseDescriptorLimit();
+    if (isOffLoopback && !arguments.behindProxy) {
+        service.connectionsOfOne = std::min(service.connections / 2, mostConnectionsOfOne);
+    }
     if (geteuid() == 0 && !service.access.readOnly) {
         say("warning: root serves a folder that clients can change; another user or --read-only is safer");
     }

@@ -9,20 +9,21 @@
 #include <cstring>
 #include <dirent.h>
 #include <fcntl.h>
+#include <memory>
 #include <unistd.h>
 
 namespace {
 
 constexpr int listedDirectory = 4;
 
-void appendMember(std::string& json, const char* key, std::int64_t value) {
+void appendMember(Text& json, const char* key, std::int64_t value) {
     char digits[24];
     const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
     json += json.back() == '{' ? "\"" : ",\"";
     json.append(key).append("\":").append(digits, end - digits);
 }
 
-void appendString(std::string& json, const char* text) {
+void appendString(Text& json, const char* text) {
     json += '"';
     for (; *text != '\0'; ++text) {
         const auto c = static_cast<unsigned char>(*text);
@@ -40,7 +41,7 @@ void appendString(std::string& json, const char* text) {
     json += '"';
 }
 
-void appendAttributes(std::string& json, const struct stat& st) {
+void appendAttributes(Text& json, const struct stat& st) {
     appendMember(json, "s", st.st_size);
     appendMember(json, "b", st.st_blocks);
     appendMember(json, "m", st.st_mode);
@@ -59,20 +60,20 @@ bool statListed(int directory, const std::string& path, const char* name, struct
 
 } // namespace
 
-std::string attributeObject(const struct stat& st) {
-    std::string json = "{";
+Text attributeObject(const struct stat& st) {
+    Text json = "{";
     appendAttributes(json, st);
     return json + "}";
 }
 
-std::string statisticsObject(const struct statvfs& volume) {
+Text statisticsObject(const struct statvfs& volume) {
     std::uint64_t unit = volume.f_frsize;
     unsigned shift = 0;
     while ((volume.f_blocks >> shift) > INT32_MAX && unit < (1U << 30)) {
         ++shift;
         unit *= 2;
     }
-    std::string json = "{";
+    Text json = "{";
     appendMember(json, "bsize", static_cast<std::int64_t>(volume.f_bsize));
     appendMember(json, "frsize", static_cast<std::int64_t>(unit));
     appendMember(json, "blocks", static_cast<std::int64_t>(volume.f_blocks >> shift));
@@ -82,14 +83,14 @@ std::string statisticsObject(const struct statvfs& volume) {
     return json + "}";
 }
 
-std::string statusEnvelope(int code) {
-    std::string json = "{";
+Text statusEnvelope(int code) {
+    Text json = "{";
     appendMember(json, "hc", code);
     return json + "}";
 }
 
-int listingObject(int descriptor, const std::string& path, std::string& listing) {
-    DIR* directory = fdopendir(descriptor);
+int listingObject(int descriptor, const std::string& path, Text& listing) {
+    const std::unique_ptr<DIR, int (*)(DIR*)> directory(fdopendir(descriptor), closedir);
     if (directory == nullptr) {
         const int error = errno;
         close(descriptor);
@@ -100,7 +101,7 @@ int listingObject(int descriptor, const std::string& path, std::string& listing)
     int error = 0;
     for (;;) {
         errno = 0;
-        const dirent* item = readdir(directory);
+        const dirent* item = readdir(directory.get());
         if (item == nullptr) {
             error = errno;
             break;
@@ -125,9 +126,8 @@ int listingObject(int descriptor, const std::string& path, std::string& listing)
         listing += '}';
     }
     listing += "]}";
-    closedir(directory);
     if (leftOut != 0) {
-        std::string shown;
+        Text shown;
         appendString(shown, ("/" + path).c_str());
         std::fprintf(stderr, "kelvane_storage: %s: left out %u name(s) that are not UTF-8\n", shown.c_str(), leftOut);
     }

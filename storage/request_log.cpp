@@ -8,6 +8,7 @@
 #include <ctime>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <new>
 #include <unistd.h>
 
 namespace {
@@ -62,7 +63,7 @@ bool isLogging() {
     return log >= 0;
 }
 
-void writeLog(const LogEntry& entry) {
+void writeLog(const LogEntry& entry) try {
     char time[32];
     const std::time_t now = std::time(nullptr);
     std::tm parts = {};
@@ -81,4 +82,6 @@ void writeLog(const LogEntry& entry) {
     line += "\n";
     // In one piece, so that the lines of several threads do not mix.
     static_cast<void>(write(log, line.data(), line.size()) == 0);
+} catch (const std::bad_alloc&) {
+    return;
 }

@@ -1,11 +1,24 @@
 #include "storage/response.h"
 
 #include <cerrno>
+#include <memory>
+#include <new>
 #include <utility>
 
 namespace {
 
 thread_local Sent lastSent;
+
+MHD_Response* emptyResponse() {
+    return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+}
+
+// Neither a cache nor a browser is to make anything of what is served.
+MHD_Response* withCommonHeaders(MHD_Response* response) {
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
+    MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
+    return response;
+}
 
 } // namespace
 
@@ -49,29 +62,37 @@ Sent takeSent() {
 
 MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes) {
     if (response == nullptr) {
-        return MHD_NO;
+        throw std::bad_alloc();
     }
     lastSent = {status, bytes};
-    if (status == MHD_HTTP_UNAUTHORIZED) {
-        MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Basic realm=\"kelvane_storage\"");
-    }
-    const MHD_Result queued = MHD_queue_response(connection, status, response);
+    const MHD_Result queued = MHD_queue_response(connection, status, withCommonHeaders(response));
     MHD_destroy_response(response);
     return queued;
 }
 
+// The one response serves all, so that there is memory for it when there is none for anything else.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status) {
-    return sendResponse(connection, status, MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT), 0);
+    static MHD_Response* const shared = withCommonHeaders(emptyResponse());
+    lastSent = {status, 0};
+    return MHD_queue_response(connection, status, shared);
 }
 
-MHD_Result sendJson(MHD_Connection* connection, std::string json) {
-    auto* kept = new std::string(std::move(json));
+MHD_Result turnAway(MHD_Connection* connection, unsigned status) {
+    MHD_Response* response = emptyResponse();
+    MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
+    if (status == MHD_HTTP_UNAUTHORIZED) {
+        MHD_add_response_header(response, MHD_HTTP_HEADER_WWW_AUTHENTICATE, "Basic realm=\"kelvane_storage\"");
+    }
+    return sendResponse(connection, status, response, 0);
+}
+
+MHD_Result sendJson(MHD_Connection* connection, Text json) {
+    auto kept = std::make_unique<Text>(std::move(json));
     const std::uint64_t bytes = kept->size();
     MHD_Response* response = MHD_create_response_from_buffer_with_free_callback_cls(
-        kept->size(), kept->data(), [](void* text) { delete static_cast<std::string*>(text); }, kept);
-    if (response == nullptr) {
-        delete kept;
-    } else {
+        bytes, kept->data(), [](void* text) { delete static_cast<Text*>(text); }, kept.get());
+    if (response != nullptr) {
+        (void)kept.release();
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/json");
     }
     return sendResponse(connection, MHD_HTTP_OK, response, bytes);

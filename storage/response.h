@@ -2,9 +2,10 @@
 // library's request handler.
 #pragma once
 
+#include "storage/memory.h"
+
 #include <cstdint>
 #include <microhttpd.h>
-#include <string>
 
 // What became of a request, for the log.
 struct Sent {
@@ -18,11 +19,15 @@ Sent takeSent();
 // The HTTP status for a negated error number.
 unsigned statusOf(int error);
 
-// Sends `response`, whose body has `bytes` bytes, and releases it; MHD_NO for null.
+// Sends `response`, whose body has `bytes` bytes, and releases it. For null, which the library returns when memory is
+// short, it throws std::bad_alloc.
 MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes);
 
 // A response that is only its status. The body is empty because readers take whatever body comes for file data.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
 
+// The same for somebody who may not do anything here: the connection ends with it.
+MHD_Result turnAway(MHD_Connection* connection, unsigned status);
+
 // Status 200 with a JSON object.
-MHD_Result sendJson(MHD_Connection* connection, std::string json);
+MHD_Result sendJson(MHD_Connection* connection, Text json);

@@ -17,8 +17,11 @@
 #include <cstring>
 #include <fcntl.h>
 #include <microhttpd.h>
+#include <new>
+#include <string_view>
 #include <thread>
 #include <unistd.h>
+#include <utility>
 
 namespace {
 
@@ -46,6 +49,7 @@ struct Exchange {
     Visitor visitor;
     Target target;
     bool judged = false;
+    bool admitted = false;
     bool understood = false; // `target` is what the client asks for
     unsigned refusal = 0;    // HTTP status; 0 for a request that may go on
     Upload upload;
@@ -116,6 +120,7 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
     if (const unsigned refused = admit(connection, service.access, exchange.text, exchange.visitor); refused != 0) {
         return refused;
     }
+    exchange.admitted = true;
     if (const int malformed = parseTarget(exchange.text, service.access.base, exchange.target); malformed != 0) {
         return malformed;
     }
@@ -130,51 +135,70 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
     if (exchange.visitor.readOnly && isChange(action)) {
         return MHD_HTTP_FORBIDDEN;
     }
-    return isUpload ? beginUpload(connection, exchange.target, exchange.upload) : 0;
+    return isUpload ? beginUpload(exchange.target, exchange.upload) : 0;
 }
 
-// Called once when the headers are there, then with each piece of the body, then once more. A reply that is
-// given at the first call ends the connection, so only those go out then that spare a client its upload.
-MHD_Result handle(MHD_Connection* connection, const char* method, const char* data, std::size_t* size,
+// Called once when the header is there, then with each piece of the body, then once more. A response that is given at
+// the first call ends the connection with what the client has sent of the body unread, so that the client may lose it:
+// that is for bodies whose end is in doubt or too far. All others are read, also those that are refused.
+MHD_Result handle(MHD_Connection* connection, const char* method, const char* version, std::string_view piece,
                   Exchange& exchange) {
     const bool isFirst = !exchange.judged;
-    if (isFirst) {
-        exchange.judged = true;
-        headerArrived(connection);
-        ++running;
-        if (stopping) {
-            return MHD_NO;
+    const bool isLast = !isFirst && piece.empty();
+    const bool wasRefused = exchange.refusal != 0;
+    try {
+        if (isFirst) {
+            exchange.judged = true;
+            headerArrived(connection);
+            ++running;
+            if (stopping) {
+                return MHD_NO;
+            }
+            if (const unsigned refusal = judgeFraming(connection, version, exchange.upload); refusal != 0) {
+                return sendStatus(connection, refusal);
+            }
+            exchange.refusal = judge(connection, method, exchange);
+        } else if (isLast && wasRefused) {
+            return exchange.admitted ? sendStatus(connection, exchange.refusal)
+                                     : turnAway(connection, exchange.refusal);
+        } else if (isLast) {
+            return exchange.upload.file >= 0 ? endUpload(connection, exchange.target, exchange.upload)
+                                             : answer(connection, exchange.target);
+        } else if (!wasRefused) {
+            exchange.refusal = takePiece(exchange.upload, piece);
         }
-        exchange.refusal = judge(connection, method, exchange);
+    } catch (const std::bad_alloc&) {
+        exchange.refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
+        if (isLast) {
+            return sendStatus(connection, exchange.refusal);
+        }
     }
-    if (exchange.refusal != 0 && (isFirst ? *method == 'P' : *size == 0)) {
-        return sendStatus(connection, exchange.refusal);
+    if (exchange.refusal != 0 && !wasRefused) {
+        releaseUpload(exchange.upload);
+        awaitRefusedBody(connection);
     }
-    if (isFirst) {
-        return MHD_YES;
-    }
-    if (*size > 0) {
-        storePiece(exchange.upload, data, *size, exchange.refusal);
-        *size = 0;
-        return hasVanished(connection, exchange.upload) ? MHD_NO : MHD_YES;
-    }
-    return exchange.upload.file >= 0 ? endUpload(connection, exchange.upload) : answer(connection, exchange.target);
+    return MHD_YES;
 }
 
-MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char* method, const char*, const char* data,
-                     std::size_t* size, void** context) {
-    auto& exchange = *static_cast<Exchange*>(*context);
-    const MHD_Result result = handle(connection, method, data, size, exchange);
+MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char* method, const char* version,
+                     const char* data, std::size_t* size, void** context) {
+    auto* exchange = static_cast<Exchange*>(*context);
+    if (exchange == nullptr) {
+        return sendStatus(connection, MHD_HTTP_SERVICE_UNAVAILABLE);
+    }
+    const MHD_Result result = handle(connection, method, version, {data, std::exchange(*size, 0)}, *exchange);
     if (const Sent sent = takeSent(); sent.status != 0) {
-        exchange.sent = sent;
+        exchange->sent = sent;
     }
     return result;
 }
 
 void* onRequestLine(void*, const char* text, MHD_Connection*) {
-    auto* exchange = new Exchange;
-    exchange->text = text;
-    return exchange;
+    try {
+        return new Exchange{text};
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 void onCompleted(void*, MHD_Connection* connection, void** context, MHD_RequestTerminationCode) {
@@ -216,13 +240,13 @@ MHD_Daemon* startService(const ServiceOptions& options) {
     } else {
         tls[0] = {MHD_OPTION_END, 0, nullptr};
     }
-    return MHD_start_daemon(flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, onConnection,
-                            nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
-                            onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr,
-                            MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_THREAD_STACK_SIZE,
-                            threadStack, MHD_OPTION_CONNECTION_LIMIT, service.connections + spareConnections,
-                            MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_STRICT_FOR_CLIENT, 1,
-                            MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
+    return MHD_start_daemon(
+        flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, onConnection, nullptr,
+        MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED, onCompleted, nullptr,
+        MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr, MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory,
+        MHD_OPTION_THREAD_STACK_SIZE, threadStack, MHD_OPTION_CONNECTION_LIMIT, service.connections + spareConnections,
+        MHD_OPTION_PER_IP_CONNECTION_LIMIT, service.connectionsOfOne, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds,
+        MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, tls, MHD_OPTION_END);
 }
 
 bool stopService(MHD_Daemon* daemon) {

@@ -7,8 +7,9 @@ struct MHD_Daemon;
 
 struct ServiceOptions {
     AccessOptions access;
-    bool tls = false;         // with the certificate of storage/certificate.h
-    unsigned connections = 8; // at most, at once
+    bool tls = false;              // with the certificate of storage/certificate.h
+    unsigned connections = 8;      // at most, at once
+    unsigned connectionsOfOne = 0; // from one address; 0 is any number
 };
 
 // Starts to serve the opened tree to the connections that are handed over to the daemon; null when that fails. Each

@@ -75,7 +75,7 @@ bool parseParameter(std::string_view parameter, Target& target, bool& hasTo, boo
         hasOffset = true;
         return parseNumber(parameter, target.offset) && target.offset >= 0;
     } else if (key == "mode") {
-        return parseNumber(parameter, target.mode);
+        return parseNumber(parameter, target.mode.emplace());
     } else if (key == "to") {
         hasTo = true;
         return decodePath(parameter, target.to);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -10,10 +11,10 @@ enum class Action { plain, props, statvfs, create, truncate, write, mkdir, unlin
 struct Target {
     std::string path; // relative to the served directory, "a/b"; empty is that directory itself
     Action action = Action::plain;
-    std::int64_t offset = 0; // of truncate and write, in bytes
-    unsigned mode = 0;       // of create
-    std::string to;          // of rename, like `path`
-    bool replace = false;    // of rename
+    std::int64_t offset = 0;      // of truncate and write, in bytes
+    std::optional<unsigned> mode; // of create
+    std::string to;               // of rename, like `path`
+    bool replace = false;         // of rename
 };
 
 // A part of a file, `length` bytes from `first` on.

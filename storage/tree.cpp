@@ -6,18 +6,23 @@
 #include <cerrno>
 #include <cstring>
 #include <fcntl.h>
+#include <linux/magic.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 #include <utf8proc.h>
 
 namespace {
 
 constexpr unsigned permissionBits = 0777;
+constexpr unsigned ownersBits = 0600;
 constexpr int mostRaces = 128;
 
 int treeDescriptor = -1;
-mode_t directoryMode = 0755;
+mode_t newFileMode = 0666;
+mode_t newDirectoryMode = 0777;
+bool syncsChanges = false;
 
 // The kernel answers EAGAIN when a rename somewhere raced with the walk below the directory.
 int openBeneath(const std::string& path, std::uint64_t flags, unsigned mode) {
@@ -82,35 +87,95 @@ std::string storedSpelling(const std::string& path) {
     return stored;
 }
 
-// The directory that holds the last component of `path` (O_PATH; the caller closes it), and that component.
-int openParent(const std::string& path, std::string& name) {
-    if (path.empty()) {
-        return -EPERM;
+// True on file systems whose files are the kernel's own state, where a write may do anything.
+bool isKernelState(int descriptor) {
+    struct statfs volume;
+    if (fstatfs(descriptor, &volume) != 0) {
+        return false;
     }
-    const std::size_t slash = path.rfind('/');
-    name = slash == std::string::npos ? path : path.substr(slash + 1);
-    return openBeneath(slash == std::string::npos ? "" : path.substr(0, slash), O_PATH | O_DIRECTORY, 0);
+    switch (volume.f_type) {
+    case PROC_SUPER_MAGIC:
+    case SYSFS_MAGIC:
+    case DEBUGFS_MAGIC:
+    case TRACEFS_MAGIC:
+    case SECURITYFS_MAGIC:
+    case CGROUP_SUPER_MAGIC:
+    case CGROUP2_SUPER_MAGIC:
+    case EFIVARFS_MAGIC:
+    case BPF_FS_MAGIC:
+        return true;
+    default:
+        return false;
+    }
 }
 
-int removeInTree(const std::string& path, int flags) {
-    const std::string stored = storedSpelling(path);
-    if (const int there = probe(stored, 0); there != 0) {
-        return there;
+bool isFileToWrite(int descriptor) {
+    struct stat st;
+    return fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode) && !isKernelState(descriptor);
+}
+
+// Splits the last component off: `path` becomes that of the directory which holds it.
+std::string takeName(std::string& path) {
+    const std::size_t slash = path.rfind('/');
+    std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
+    path.resize(slash == std::string::npos ? 0 : slash);
+    return name;
+}
+
+// The directory in which the entry `name` is to be changed; it is ended with finishChange.
+int openParent(const std::string& directory, const std::string& name) {
+    if (name.empty()) {
+        return -EPERM;
     }
-    std::string name;
-    const int parent = openParent(stored, name);
-    if (parent < 0) {
-        return parent;
+    const int parent = openBeneath(directory, O_DIRECTORY | (syncsChanges ? O_RDONLY : O_PATH), 0);
+    if (parent >= 0 && isKernelState(parent)) {
+        close(parent);
+        return -EPERM;
     }
-    const int result = unlinkat(parent, name.c_str(), flags) == 0 ? 0 : -errno;
+    return parent;
+}
+
+// `sync` is fsync or fdatasync. A file system that has nothing to wait for says EINVAL.
+int syncDescriptor(int descriptor, int (*sync)(int)) {
+    return !syncsChanges || sync(descriptor) == 0 || errno == EINVAL ? 0 : -errno;
+}
+
+// Closes `parent`; what becomes of `result`, the outcome of the change in it.
+int finishChange(int parent, int result) {
+    if (result == 0) {
+        result = syncDescriptor(parent, fsync);
+    }
     close(parent);
     return result;
 }
 
+int resultOf(int outcome) {
+    return outcome == 0 ? 0 : -errno;
+}
+
+int removeInTree(const std::string& path, int flags) {
+    std::string directory = storedSpelling(path);
+    if (const int there = probe(directory, 0); there != 0) {
+        return there;
+    }
+    const std::string name = takeName(directory);
+    const int parent = openParent(directory, name);
+    return parent < 0 ? parent : finishChange(parent, resultOf(unlinkat(parent, name.c_str(), flags)));
+}
+
 } // namespace
 
-int openTree(const char* directory) {
-    directoryMode = permissionBits & ~umask(0);
+void DescriptorCloser::operator()(const int* descriptor) const {
+    if (*descriptor >= 0) {
+        close(*descriptor);
+    }
+}
+
+int openTree(const char* directory, bool sync) {
+    const mode_t mask = umask(0);
+    newFileMode &= ~mask;
+    newDirectoryMode &= ~mask;
+    syncsChanges = sync;
     treeDescriptor = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
     return treeDescriptor < 0 ? -errno : probe("", O_DIRECTORY);
 }
@@ -130,27 +195,60 @@ int statInTree(const std::string& path, struct stat& st) {
     return result;
 }
 
-int createInTree(const std::string& path, unsigned mode) {
-    if (path.empty() || !isUtf8(path.c_str())) {
-        return path.empty() ? -EPERM : -EINVAL;
+int createInTree(const std::string& path, std::optional<unsigned> mode) {
+    if (!isUtf8(path.c_str())) {
+        return -EINVAL;
     }
-    const int descriptor =
-        openBeneath(storedSpelling(path), O_WRONLY | O_CREAT | O_NONBLOCK | O_NOCTTY, mode & permissionBits);
-    if (descriptor < 0) {
-        return descriptor;
+    std::string directory = storedSpelling(path);
+    const std::string name = takeName(directory);
+    const int parent = openParent(directory, name);
+    if (parent < 0) {
+        return parent;
     }
-    close(descriptor);
-    return 0;
+    const int file = openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                            (mode.value_or(newFileMode) & permissionBits) | ownersBits);
+    if (file >= 0) {
+        const int synced = syncDescriptor(file, fsync);
+        const int closed = resultOf(close(file));
+        return finishChange(parent, synced != 0 ? synced : closed);
+    }
+    const int error = -errno;
+    close(parent);
+    if (error != -EEXIST) {
+        return error;
+    }
+    struct stat st;
+    const int there = statInTree(path, st);
+    return there != 0 || S_ISREG(st.st_mode) ? there : -EPERM;
 }
 
 int openForWritingInTree(const std::string& path) {
-    const int descriptor = openInTree(path, O_WRONLY | O_NONBLOCK | O_NOCTTY);
-    struct stat st;
-    if (descriptor >= 0 && (fstat(descriptor, &st) != 0 || !S_ISREG(st.st_mode))) {
-        close(descriptor);
+    const int look = openInTree(path, O_PATH);
+    if (look < 0) {
+        return look;
+    }
+    const bool isOne = isFileToWrite(look);
+    close(look);
+    const int file = isOne ? openInTree(path, O_WRONLY | O_NONBLOCK | O_NOCTTY) : -EPERM;
+    if (file >= 0 && !isFileToWrite(file)) {
+        close(file);
         return -EPERM;
     }
-    return descriptor;
+    return file;
+}
+
+int finishWriting(int file, const std::string& path, struct stat& st) {
+    const int synced = syncDescriptor(file, fdatasync);
+    const int result = resultOf(fstat(file, &st));
+    const int closed = resultOf(close(file));
+    if (const int error = synced != 0 ? synced : result != 0 ? result : closed; error != 0) {
+        return error;
+    }
+    // Some file systems count no links; there the path has to lead to the file.
+    struct stat found;
+    return st.st_nlink > 0 || (statInTree(path, found) == 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino)
+               ? 0
+               : -ENOENT;
 }
 
 int truncateInTree(const std::string& path, std::int64_t size) {
@@ -158,23 +256,20 @@ int truncateInTree(const std::string& path, std::int64_t size) {
     if (file < 0) {
         return file;
     }
-    const int result = ftruncate(file, size) == 0 ? 0 : -errno;
-    close(file);
-    return result;
+    const int result = resultOf(ftruncate(file, size));
+    struct stat st;
+    const int finished = finishWriting(file, path, st);
+    return result != 0 ? result : finished;
 }
 
 int makeDirectoryInTree(const std::string& path) {
     if (!isUtf8(path.c_str())) {
         return -EINVAL;
     }
-    std::string name;
-    const int parent = openParent(storedSpelling(path), name);
-    if (parent < 0) {
-        return parent;
-    }
-    const int result = mkdirat(parent, name.c_str(), directoryMode) == 0 ? 0 : -errno;
-    close(parent);
-    return result;
+    std::string directory = storedSpelling(path);
+    const std::string name = takeName(directory);
+    const int parent = openParent(directory, name);
+    return parent < 0 ? parent : finishChange(parent, resultOf(mkdirat(parent, name.c_str(), newDirectoryMode)));
 }
 
 int removeFileInTree(const std::string& path) {
@@ -198,25 +293,23 @@ int renameInTree(const std::string& from, const std::string& to, bool replace) {
     if (probe(destination, O_NOFOLLOW) == 0 && probe(destination, 0) != 0) {
         return -EEXIST;
     }
-    std::string sourceName;
-    const int sourceParent = openParent(source, sourceName);
+    std::string sourceDirectory = source;
+    const std::string sourceName = takeName(sourceDirectory);
+    std::string targetDirectory = destination;
+    const std::string targetName = takeName(targetDirectory);
+    const int sourceParent = openParent(sourceDirectory, sourceName);
     if (sourceParent < 0) {
         return sourceParent;
     }
-    std::string destinationName;
-    const int destinationParent = openParent(destination, destinationName);
-    int result = destinationParent;
-    if (destinationParent >= 0) {
-        result = renameat2(sourceParent, sourceName.c_str(), destinationParent, destinationName.c_str(),
-                           replace ? 0 : RENAME_NOREPLACE) == 0
-                     ? 0
-                     : -errno;
-        // Both parents are directories, so what is not one is a file in the way of a directory.
-        result = result == -ENOTDIR ? -EEXIST : result;
-        close(destinationParent);
+    const int targetParent = openParent(targetDirectory, targetName);
+    if (targetParent < 0) {
+        close(sourceParent);
+        return targetParent;
     }
-    close(sourceParent);
-    return result;
+    const int result = resultOf(
+        renameat2(sourceParent, sourceName.c_str(), targetParent, targetName.c_str(), replace ? 0 : RENAME_NOREPLACE));
+    // Both parents are directories, so what is not one is a file in the way of a directory.
+    return finishChange(sourceParent, finishChange(targetParent, result == -ENOTDIR ? -EEXIST : result));
 }
 
 bool isUtf8(const char* text) {

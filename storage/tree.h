@@ -4,12 +4,21 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <sys/types.h>
 
-// Opens the directory to serve; once, before everything else.
-int openTree(const char* directory);
+// Closes a descriptor at the end of a block, unless it has become negative.
+struct DescriptorCloser {
+    void operator()(const int* descriptor) const;
+};
+using ClosedAtEnd = std::unique_ptr<const int, DescriptorCloser>;
+
+// Opens the directory to serve; once, before everything else. With `sync` every change below is on the disk before its
+// function returns.
+int openTree(const char* directory, bool sync);
 
 // Opens `path` with open(2)'s flags; the caller closes it.
 int openInTree(const std::string& path, std::uint64_t flags);
@@ -17,16 +26,22 @@ int openInTree(const std::string& path, std::uint64_t flags);
 // Attributes of what `path` leads to.
 int statInTree(const std::string& path, struct stat& st);
 
-// Opens the regular file at `path` to be written; -EPERM for anything else. The caller closes it.
+// Opens the regular file at `path` to be written; -EPERM for anything else, which is not opened at all. The caller ends
+// the change with finishWriting.
 int openForWritingInTree(const std::string& path);
+
+// Closes `file`, which was opened at `path`, and hands its attributes out. An error means that what was written is not
+// sure to be there: the disk says so as late as now, or (-ENOENT) the file has been removed or replaced.
+int finishWriting(int file, const std::string& path, struct stat& st);
 
 // Cuts or extends the file at `path` to `size` bytes.
 int truncateInTree(const std::string& path, std::int64_t size);
 
 // Names that are not UTF-8 would never be listed, so none is made.
 
-// Makes a regular file with the permission bits of `mode` unless it is there already.
-int createInTree(const std::string& path, unsigned mode);
+// Makes a regular file with the permission bits of `mode` unless it is there already. The server's user may always read
+// and write it, because each write opens the file anew. Without `mode` it has those of a new file on this machine.
+int createInTree(const std::string& path, std::optional<unsigned> mode);
 
 int makeDirectoryInTree(const std::string& path);
 int removeFileInTree(const std::string& path);

@@ -1,32 +1,34 @@
-// The body of a write: where it goes, and how much of it has come.
+// The body of a request, which is the data of a write. It is collected and written at once: of a body that does not
+// come to its end nothing is written, and two that are written to the same place do not mix.
 #pragma once
 
+#include "storage/memory.h"
 #include "storage/target.h"
 
-#include <cstddef>
 #include <cstdint>
 #include <microhttpd.h>
+#include <string_view>
 
 struct Upload {
     int file = -1;              // open while an upload runs
-    std::int64_t offset = 0;    // of the next byte in the file
     std::uint64_t declared = 0; // the body's length; 0 when it comes in chunks
     std::uint64_t received = 0;
+    Text body;
 };
 
-// Opens the file of an upload, before its body is asked for; 0, or the status that refuses it.
-unsigned beginUpload(MHD_Connection* connection, const Target& target, Upload& upload);
+// Judges the headers that say where the body ends: 0; 400 when they are not beyond doubt, because the rest of the body
+// could pass for a request of its own; 413 when it is too long. Such a refusal has to end the connection.
+unsigned judgeFraming(MHD_Connection* connection, const char* version, Upload& upload);
 
-// Writes a piece of the body where it belongs, unless `refusal` (an HTTP status, 0 for none) says that the body is only
-// read. A failure sets `refusal`.
-void storePiece(Upload& upload, const char* data, std::size_t size, unsigned& refusal);
+// Opens the file of an upload; 0, or the status that refuses it.
+unsigned beginUpload(const Target& target, Upload& upload);
 
-// True when the client has closed the connection before the whole body came. The library does not hear of an end that
-// comes together with the last bytes, and would keep the connection and the file until the connection's time is over.
-bool hasVanished(MHD_Connection* connection, const Upload& upload);
+// Takes a piece of a body. Of one that belongs to no upload it is only counted. Returns 0, or the status that refuses
+// it.
+unsigned takePiece(Upload& upload, std::string_view piece);
 
-// Answers an upload whose body is complete.
-MHD_Result endUpload(MHD_Connection* connection, const Upload& upload);
+// Writes a complete body, and answers with what the file has become.
+MHD_Result endUpload(MHD_Connection* connection, const Target& target, Upload& upload);
 
-// Closes the file.
+// Closes the file and drops the body.
 void releaseUpload(Upload& upload);
