@@ -78,7 +78,7 @@ std::string pathOfDepth(std::int64_t depth) {
 }
 
 std::string listingOf(std::int64_t count) {
-    const std::string element = attributeObject(attributes(S_IFREG));
+    const std::string element(attributeObject(attributes(S_IFREG)).c_str());
     std::string json = R"({"entries":[)";
     for (std::int64_t i = 0; i < count; ++i) {
         json += (i == 0 ? R"({"t":8,)" : R"(,{"t":8,)") + element.substr(1, element.size() - 2) + R"(,"n":"IMG_)" +
@@ -183,7 +183,7 @@ int main(int argc, char* argv[]) {
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
     char folder[] = "/tmp/kelvane-micro-XXXXXX";
-    if (mkdtemp(folder) == nullptr || openTree(folder) != 0) {
+    if (mkdtemp(folder) == nullptr || openTree(folder, false) != 0) {
         return 1;
     }
     std::ofstream(std::string(folder) + "/file") << std::string(fileSize, 'x');
