@@ -5,7 +5,8 @@ top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
 test_packages=(libgtest-dev libbenchmark-dev clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev git rsync
-    sqlite3 openssl ca-certificates gobjc++ libgnustep-base-dev libicu-dev unicode-data bzip2)
+    sqlite3 openssl ca-certificates gobjc++ libgnustep-base-dev libicu-dev unicode-data bzip2 python3)
+soak_packages=(fio stress-ng)
 
 say() { printf '== %s\n' "$*"; }
 fail() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }

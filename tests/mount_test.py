@@ -1,0 +1,173 @@
+"""The daemon and the server as their users run them: real processes, a real mount, real programs."""
+import contextlib, ctypes, itertools, os, re, signal, threading, unittest
+from programs import STORAGE, UNSHARE, VFS, ServerTest, shell, start, text, until
+
+PR_SET_CHILD_SUBREAPER = 36
+COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
+# The daemon must not care for a proxy in its environment, nor for a signal that its starter blocks.
+DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "--block-signal=RTMIN", VFS]
+AUTO = ["-f", "-o", "auto_unmount"]
+
+@unittest.skipUnless(os.access("/dev/fuse", os.R_OK | os.W_OK), "there is no /dev/fuse to use, so nothing can be mounted")
+class MountTest(ServerTest):
+    def setUp(self):
+        super().setUp()
+        self.disk = self.scratch + "/disk"
+        os.mkdir(self.disk)
+        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
+
+    def tearDown(self):
+        shell(f"fusermount -u -z {self.disk}")
+        super().tearDown()
+
+    def is_mounted(self):
+        try:
+            return os.stat(self.disk).st_dev != os.stat(self.scratch).st_dev
+        except OSError:
+            return True
+
+    def start(self, options):
+        self.daemon = start([*DAEMON, self.url, "Documents (storage)", *options, self.disk], self.disk)
+
+    def mount(self, options=("-f",)):
+        self.start(options)
+        if "-f" not in options and "-d" not in options:  # it goes to the background
+            self.assertEqual(self.daemon.wait(), 0)
+            self.daemon.pid = int(text("/proc/thread-self/children").split()[-1])
+            self.daemon.returncode = None
+        until(lambda: self.is_mounted() and os.access(self.disk + "/.", os.F_OK))
+
+    def ended(self, status):
+        self.assertEqual(self.daemon.wait(), status, text(self.disk + ".err")[-5000:])
+        until(lambda: not self.is_mounted())
+
+    def unmount(self):
+        self.check(f"fusermount -u {self.disk}")
+        self.ended(0)
+
+    def same(self, command, one, other):
+        self.assertEqual(shell(f"cd {one} && {command}"), shell(f"cd {other} && {command}"))
+
+    def test_programs(self):
+        local = self.scratch + "/local"
+        os.mkdir(local)
+        self.serve()
+        self.mount()
+        self.same(f"bash {os.path.dirname(os.path.abspath(__file__))}/programs.sh", local, self.disk)
+        self.unmount()
+        self.check(f"sync; diff -r --exclude .git {local} {self.tree}")
+        look = (r"find . -mindepth 1 -printf '%p %y %s %b %m %n %U %G %A@ %T@ %C@\n' | sed 's/\.0\{10\}//g' | sort;"
+                r"find . -type f | sort | xargs -d '\n' md5sum; df --output=size . | tail -n 1")
+        # Whole seconds, and times of access that stay.
+        shell(f"cd {self.tree} && touch -m -d @1 log; touch -a -d @2 doc; {look}")
+        self.mount()
+        self.same(look.replace("@", "s"), self.tree, self.disk)
+        self.unmount()
+
+    def test_cost_in_requests(self):
+        self.check(f"cd {self.tree} && mkdir {{1..20}} && touch {{1..20}}/{{1..20}} && cd 1 && touch {{1..10000}}")
+        self.serve()
+        self.mount()
+        self.check(f"cd {self.disk} && find | wc -l && find -ls | wc -l", ("10401\n10401\n", 0))
+        self.check(f"dd if=/dev/zero of={self.disk}/new bs=1M count=1 status=none")
+        trace = text(self.disk + ".err")
+        self.assertEqual([len(re.findall(line, trace)) for line in (r"query: \(null\)", "query: action=props", "\nkelvane_write:")], [21, 2, 8])
+        self.unmount()
+
+    def test_spellings(self):
+        self.check(f"cd {self.tree} && echo old >{COMPOSED} && mkdir 'dir {DECOMPOSED}'")
+        self.serve()
+        self.mount()
+        for change in (f"cat {DECOMPOSED} >/dev/null && echo longer >{DECOMPOSED}", f"printf more >>{DECOMPOSED}",
+                       f"truncate -s 3 {DECOMPOSED}", f"mv {DECOMPOSED} 'dir {COMPOSED}/{DECOMPOSED}'",
+                       f"mkdir 'dir {COMPOSED}/sub' && touch 'dir {DECOMPOSED}/sub/f'", f"rm -r 'dir {COMPOSED}/sub'",
+                       f"mv 'dir {COMPOSED}' plain", f"rm plain/{COMPOSED}"):
+            self.check(f"cd {self.disk} && {change}")
+            self.same(rf"find . -mindepth 1 -type d -print -o -printf '%p %y %s %Ts\n' | sed s/{DECOMPOSED}/{COMPOSED}/g | sort; "
+                      "find . -type f -exec cat {} +", self.tree, self.disk)
+        self.unmount()
+
+    # In whichever way it is stopped, idle or busy: what a write was acknowledged for is on the server.
+    def test_stops(self):
+        # The FUSE library leaves its own records behind when its loop is ended in the middle of requests.
+        os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
+        # ThreadSanitizer holds signals back in a process that was forked off several threads.
+        modes = [["-f"], ["-f", "-s"]] + ([["-d"], [], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
+        self.serve()
+        ways = itertools.product(range(2), modes, (0, signal.SIGINT, signal.SIGTERM, signal.SIGHUP), (False, True))
+        for _, mode, way, is_busy in ways:
+            with self.subTest(mode=mode, way=way, is_busy=is_busy):
+                self.stop(mode, way, is_busy)
+
+    def stop(self, mode, way, is_busy):
+        self.mount(mode)
+        written, acknowledged = os.urandom(4 << 20), [0]
+        def write(file):
+            with contextlib.suppress(OSError), open(file, "wb", buffering=0) as disk:
+                while acknowledged[0] < len(written):
+                    acknowledged[0] += disk.write(written[acknowledged[0]:acknowledged[0] + 20000])
+        threads = []
+        if is_busy:
+            # Opened while the disk is there: a write must not go to the folder below it afterwards.
+            file = os.open(self.disk + "/file", os.O_CREAT | os.O_WRONLY | os.O_TRUNC)
+            threads = [threading.Thread(target=write, args=[file]), threading.Thread(
+                target=shell, args=[f"while ls -lR {self.disk} && cat {self.disk}/file; do :; done >/dev/null"])]
+        for thread in threads:
+            thread.start()
+        until(lambda: acknowledged[0] or not is_busy)
+        if way:
+            os.kill(self.daemon.pid, way)
+        else:
+            self.check(f"fusermount -u -z {self.disk}")
+        self.ended(1 if way else 0)
+        for thread in threads:
+            thread.join()
+        if is_busy:
+            with open(self.tree + "/file", "rb") as file:
+                self.assertTrue(file.read(acknowledged[0]) == written[:acknowledged[0]])
+        elif way and "-f" in mode:
+            self.assertRegex(text(self.disk + ".out"), f"handleSignal: {int(way)}\nstopping fuse for mount point {self.disk}\n"
+                "handleSignal: write result = 1\ngot packet from signalHandler, trying to exit...\n(.*\n)*kelvane_vfs exiting\n$")
+
+    def test_lost_server(self):
+        for _ in range(5):
+            self.serve()
+            os.truncate(os.open(self.tree + "/big", os.O_CREAT | os.O_WRONLY), 1 << 30)
+            self.mount(AUTO)
+            reader = start(["cat", self.disk + "/big"], self.scratch + "/reader")
+            until(lambda: os.path.getsize(self.scratch + "/reader.out"))
+            self.server.kill()
+            self.server = self.server.wait() and None
+            self.ended(1)
+            self.assertIn("CURL error: ", text(self.disk + ".out"))
+            self.assertNotEqual(reader.wait(), 0)
+            self.start(AUTO)
+            self.ended(1)
+            self.assertIn("CURL error: Couldn't connect to server\n", text(self.disk + ".out"))
+
+    def test_trace_that_nobody_reads(self):
+        self.serve()
+        os.mkfifo(self.disk + ".out")
+        reader = os.open(self.disk + ".out", os.O_RDONLY | os.O_NONBLOCK)
+        self.mount()
+        os.close(reader)
+        self.check(f"cd {self.disk} && echo text >file && cat file && ls", ("text\nfile\n", 0))
+        self.unmount()
+
+    def test_certificates(self):
+        certificate, key = self.scratch + "/cert.pem", self.scratch + "/key.pem"
+        shell("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=test "
+              f"-addext subjectAltName=IP:127.0.0.1 -keyout {key} -out {certificate}; seq 200000 >{self.tree}/big")
+        self.serve(STORAGE, "--tls-cert", certificate, "--tls-key", key)
+        self.start(AUTO)
+        self.ended(1)
+        self.assertIn("CURL error: SSL peer certificate or SSH remote key was not OK\n", text(self.disk + ".out"))
+        # Trusted in a mount namespace of its own, where the certificate stands in the place of the system's list.
+        if shell(UNSHARE + " true") != ("", 0):
+            self.skipTest("there are no mount namespaces, so no certificate can be made a trusted one")
+        self.check(f"""{UNSHARE} sh -ec '
+            mount --bind {certificate} /etc/ssl/certs/ca-certificates.crt
+            {" ".join(DAEMON)} {self.url} disk -f {self.disk} >/dev/null 2>&1 &
+            until mountpoint -q {self.disk}; do sleep 0.05; done
+            cmp {self.tree}/big {self.disk}/big; cp {self.disk}/big {self.disk}/copy; umount {self.disk}; wait $!
+            cmp {self.tree}/big {self.tree}/copy'""")

@@ -1,0 +1,50 @@
+"""What the tests of the programs share: child processes that end with the test, and a served directory. Nothing here
+looks at a clock: a test that hangs is ended by ctest, and its children end with it."""
+import os, shutil, subprocess, tempfile, time, unittest
+
+STORAGE, VFS = (os.path.join(os.environ["KELVANE_BIN"], name) for name in ("kelvane_storage", "kelvane_vfs"))
+TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
+UNSHARE = "unshare -m" if os.geteuid() == 0 else "unshare -rm"
+
+def start(command, log):  # what the program writes goes to LOG.out and LOG.err
+    with open(log + ".out", "wb") as out, open(log + ".err", "wb") as err:
+        return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdout=out, stderr=err)
+
+def shell(command):  # what it wrote, and its status
+    done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
+    return done.stdout.decode(errors="replace"), done.returncode
+
+def text(name):
+    with open(name, encoding="latin-1", newline="") as file:
+        return file.read()
+
+def until(condition):
+    while not condition():
+        time.sleep(0.005)
+
+class ServerTest(unittest.TestCase):
+    maxDiff = 5000
+
+    def setUp(self):
+        os.umask(0o022)
+        self.scratch = tempfile.mkdtemp(prefix="kelvane-", dir=os.environ.get("KELVANE_TEST_ROOT"))
+        self.tree, self.server = self.scratch + "/tree", None
+        os.mkdir(self.tree)
+
+    def tearDown(self):
+        self.end_server()
+        shutil.rmtree(self.scratch)
+
+    def serve(self, *command):
+        self.server = start([*(command or [STORAGE]), self.tree], self.scratch + "/server")
+        until(lambda: text(self.scratch + "/server.out").endswith("\n"))
+        self.url = text(self.scratch + "/server.out").rstrip("\n")
+
+    def end_server(self, status=0):
+        if self.server:
+            self.server.terminate()
+            self.assertEqual(self.server.wait(), status, text(self.scratch + "/server.err"))
+            self.server = None
+
+    def check(self, command, expected=("", 0)):
+        self.assertEqual(shell(command), expected, command)

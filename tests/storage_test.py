@@ -1,0 +1,258 @@
+"""The server as its clients see it: requests over sockets, replies, and what is on disk then."""
+import contextlib, itertools, os, re, resource, signal, socket, threading, urllib.parse
+from programs import STORAGE, TOP, ServerTest, shell, text, until
+
+DECOMPOSED = "e\xcc\x81"
+JSON = "\nContent-Type: application/json"
+RAW = " HTTP/1.1\r\nHost: @\r\nConnection: close\r\n"
+PUT = "PUT $/new?action=write&flags=1&offset="
+CHUNKED = RAW + "Transfer-Encoding: chunked\r\n\r\n"
+MOST = "x" * (1 << 20)
+LONGEST = "%61" * 2047
+
+# Sections: arguments of the server, and rows. A row is a reply, the requests that get it, and what is below the directory
+# then: "file=content", or "file" that is not there. A request is its first line (without "GET $" if it begins with a
+# slash), headers, an empty line and a body, without what every request has, or with "\r" raw; "$" stands for the base
+# path, "@" for host and port. A reply is status and body, then some of its headers, each in a line; ":N" is a number and
+# "*" anything.
+SECTIONS = {
+    "": [
+        ("200 content\nContent-Type: application/octet-stream\nAccept-Ranges: bytes", ["/d/in"]),
+        ('200 {"s":7,"b":N,"m":33188,"nl":2,"at":2,"mt":1,"ct":N}' + JSON, ["/a.txt?action=props"]),
+        ('200 {"entries":[{"t":8,"s":7,"b":N,"m":33188,"nl":1,"at":N,"mt":N,"ct":N,"n":"\\"\\\\\\u001f"}]}' + JSON, ["/odd"]),
+        ("200 \nContent-Length: 7", ["HEAD $/a.txt"]),
+        # Ways to write a path.
+        ("200 content", ["/%2Fd%2fin", "//d//in/?", "GET http://@$/d/in"]),
+        ("200 caf\xc3\xa9", ["/%c3%A9", "/" + DECOMPOSED]),
+        ("400 ", ["/%2", "/%zz", "/a.txt%00", "/d/%2e%2E/a.txt", "/d/%2e/in"]),
+        ("404 ", ["GET *", "GET /d/in", "/...", "/" + "n" * 300, f"/{LONGEST}?action=rename&to={LONGEST}&replace=1"]),
+        # Queries that say nothing, or the wrong thing, and other methods.
+        ("400 ", ["/d/in?x=1", "/d/in?action=what", "/a.txt?action=truncate", "/a.txt?action=truncate&offset=-1",
+                  "/a.txt?action=truncate&offset=1x", "/a.txt?action=rename", "/a.txt?action=rename&to=%2F..",
+                  "/new?action=create&mode=99999999999"], "a.txt=content"),
+        ("405 ", ["POST $/a.txt\n\nx", "DELETE $/a.txt", "HEAD $/a.txt?action=unlink", "PUT $/a.txt\n\nx",
+                  "/a.txt?action=write&flags=1&offset=0"], "a.txt=content"),
+        # Parts of files.
+        ("206 nt\nContent-Range: bytes 5-6/7", [f"/link\nRange: bytes={part}" for part in ("5-99", "5-", "-2")]),
+        ("206 content", ["/link\nRange: bytes=-30", "/link\nRange: bytes=0-18446744073709551615"]),
+        ("416 \nContent-Range: bytes */7", ["/link\nRange: bytes=7-8", "/link\nRange: bytes=-0"]),
+        ("200 content", [f"/link\nRange: {part}" for part in
+                         ("bytes=5-2", "bytes=1-2,4-5", "lines=1-2", "bytes=0-18446744073709551616")]),
+        # What is not shown or not there, and what is no file.
+        ("404 ", ["/out", "/absolute/passwd", "/loop", "/out?action=unlink", "/none?action=props", "/a.txt/x?action=props",
+                  "/out?action=rename&to=stolen&replace=1", PUT + "0\n\nx", "/odd/bad%FF/x"], "stolen"),
+        ("403 ", ["/pipe", "PUT $/pipe?action=write&flags=1&offset=0\n\nx", "/pipe?action=truncate&offset=0",
+                  "/d?action=truncate&offset=2", "/?action=unlink", "/?action=rename&to=x&replace=1",
+                  "/?action=create&mode=1", "/d?action=unlink"], "x"),
+        # Contents.
+        ("204 ", ["/new?action=create&mode=33206"], "new="),
+        ('200 {"s":6,"b":N,"m":33206,"nl":1,"at":N,"mt":N,"ct":N}' + JSON, [PUT + "3\n\nabc", PUT + "1\n\nZ"],
+         "new=\0Z\0abc"),
+        ('200 {"s":8,*', [PUT + "6" + CHUNKED + "2\r\nde\r\n0\r\n\r\n"], "new=\0Z\0abcde"),
+        ("100 HTTP/1.1 200*", [PUT + "0" + RAW + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\nxyz"], "new=xyzabcde"),
+        ("200 contentHTTP/1.1 200*", ["GET $/d/in HTTP/1.1\r\nHost: @\r\n\r\nGET $/full" + RAW + "\r\n"]),
+        ("413 ", [PUT + "0\nContent-Length: 1048577", PUT + "0" + CHUNKED + f"100001\r\nx{MOST}\r\n0\r\n\r\n"]),
+        ('200 {"s":1048576,*', [PUT + "0\n\n" + MOST], "new=" + MOST),
+        ("204 ", ["/new?action=truncate&offset=2", "/new?action=create&mode=33206"], "new=xx"),
+        # Folders, removing, renaming.
+        ('200 {"hc":200}' + JSON, ["/m?action=mkdir"]),
+        ('200 {"s":N,"b":N,"m":16877,*', ["/m?action=props"]),
+        ('200 {"hc":409}', ["/m?action=mkdir", "/new?action=rename&to=a.txt", "/new?action=rename&to=m&replace=1",
+                            "/new?action=rename&to=out&replace=1", "/d?action=rename&to=full&replace=1",
+                            "/d?action=rename&to=a.txt&replace=1"], "new=xx"),
+        ("400 ", ["/d?action=rename&to=d%2Fbelow&replace=1", "/a.txt?action=rename&to=%FF&replace=1",
+                  "/%FF?action=create&mode=33188", "/%FF?action=mkdir"], "a.txt=content"),
+        ("404 ", ["/none/m?action=mkdir", "/a.txt?action=rmdir", "/none?action=rename&to=x"]),
+        ("409 ", ["/full?action=rmdir"], "full/x=content"),
+        ("204 ", ["/m?action=rmdir"], "m"),
+        ('200 {"hc":200}', ["/new?action=rename&to=%2Fb%26c", "/b%26c?action=rename&to=a.txt&replace=1"], "a.txt=xx"),
+        # Names in another spelling than the directory's.
+        ("204 ", [f"/{DECOMPOSED}?action=create&mode=33188"], DECOMPOSED),
+        ('200 {"hc":409}', [f"/{DECOMPOSED}?action=mkdir"], DECOMPOSED),
+        ('200 {"hc":200}', [f"/a.txt?action=rename&to={DECOMPOSED}&replace=1"], "\xc3\xa9=xx"),
+        ('200 {"hc":200}', [f"/{DECOMPOSED}?action=rename&to=a.txt&replace=1", f"/{DECOMPOSED}?action=mkdir"], "a.txt=xx"),
+        ("200 *", ["/\xc3\xa9?action=props"]),
+        ("204 ", ["/\xc3\xa9?action=rmdir"], DECOMPOSED),
+    ],
+    "--read-only --no-secret --threads 1 --prefix /base": [
+        ("200 content", ["/d/in", "GET $%2Fd/in", "GET $%2fd/in"]),
+        ("404 ", ["GET $ment", "GET /d/in"]),
+        ("403 ", ["PUT $/a.txt?action=write&flags=1&offset=0\n\nx", "/a.txt?action=truncate&offset=0",
+                  "/a.txt?action=rename&to=new&replace=1", "/a.txt?action=unlink", "/d?action=rmdir"], "a.txt=content"),
+        ("403 ", ["/new?action=create&mode=33188", "/new?action=mkdir"], "new"),
+    ],
+    "--listen localhost": [("200 content", ["/d/in"])],
+}
+
+# Whether a reply is what a row shows; None, or what differs.
+def difference(shown, reply):
+    head, _, body = reply.partition("\r\n\r\n")
+    pattern, *headers = shown.split("\n")
+    pattern = re.escape(pattern).replace(":N", r":\d+").replace(r"\*", ".*")
+    is_same = re.fullmatch(pattern, head[9:13] + body, re.DOTALL) and all(f"\r\n{line}\r\n" in head + "\r\n" for line in headers)
+    return None if is_same else f"{shown[:500]}\n{reply[:500]}"
+
+class StorageTest(ServerTest):
+    def setUp(self):
+        super().setUp()
+        self.check(rf"""cd {self.tree} && mkdir d full odd notes ../outside && seq 4000000 >big && mkfifo pipe &&
+            printf content | tee d/in full/x odd/bad$'\377' >a.txt && printf café >é && ln a.txt ../outside/second &&
+            printf secret >../outside/secret && ln -s ../outside/secret out && ln -s /etc absolute && ln -s loop loop &&
+            ln -s d/in link && ln -s ../out odd && ln -s ../d/in odd/$'"\\\037' && printf 'hello, world' >notes/hello.txt &&
+            touch -m -d @1 a.txt && touch -a -d @2 a.txt""")
+
+    def bytes_of(self, request):
+        request = ("GET $" if request.startswith("/") else "") + request
+        if "\r" not in request:
+            head, _, body = request.partition("\n\n")
+            line, *headers = head.split("\n")
+            headers += [f"Content-Length: {len(body)}"] if body else []
+            request = line + RAW + "".join(header + "\r\n" for header in headers) + "\r\n" + body
+        url = urllib.parse.urlsplit(self.url)
+        return request.replace("$", url.path.rstrip("/")).replace("@", url.netloc).encode("latin-1")
+
+    def connection(self, data=b""):  # a new one, over which the data is sent
+        url = urllib.parse.urlsplit(self.url)
+        connection = socket.create_connection((url.hostname, url.port))
+        self.addCleanup(connection.close)
+        with contextlib.suppress(ConnectionError):
+            connection.sendall(data)
+        return connection
+
+    def rest(self, connection):
+        data = b""
+        with connection, contextlib.suppress(ConnectionError):
+            while piece := connection.recv(1 << 16):
+                data += piece
+        return data.decode("latin-1")
+
+    def ask(self, request):
+        return self.rest(self.connection(self.bytes_of(request)))
+
+    def expect(self, shown, request="/d/in"):
+        self.assertIsNone(difference(shown, self.ask(request)), request[:200])
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.server.pid}/fd"))
+
+    def section(self, arguments):
+        self.serve(STORAGE, *arguments.split())
+        self.expect("200 content")
+        before = self.descriptors()
+        for reply, requests, *after in SECTIONS[arguments]:
+            for request in requests:
+                with self.subTest(request[:200]):
+                    self.expect(reply, request)
+            for name, is_there, content in (state.partition("=") for state in after):
+                file = os.fsencode(self.tree) + b"/" + name.encode("latin-1")
+                self.assertEqual(os.path.exists(file), bool(is_there), (requests[-1], name))
+                self.assertTrue(not is_there or text(file) == content, (requests[-1], name))
+        until(lambda: self.descriptors() <= before)
+        self.assertEqual(text(self.scratch + "/outside/secret"), "secret")
+
+    def test_requests(self):
+        self.section("")
+
+    def test_read_only(self):
+        self.section("--read-only --no-secret --threads 1 --prefix /base")
+
+    def test_localhost(self):
+        self.section("--listen localhost")
+
+    # The conversation of the protocol page, with this server and with the page's example of one.
+    def converse(self, *command):
+        self.serve(*command)
+        examples = re.findall(r"```exchange\n(.*?)```", text(TOP + "/docs/protocol.md"), re.DOTALL)
+        for example in examples:
+            request = "\n".join(re.findall(r"^> ?(.*)", example, re.MULTILINE)).replace(" /", " $/", 1)
+            status, *body = re.findall(r"^< (.*)", example, re.MULTILINE)
+            self.expect(f"{status} {''.join(body)}", request)
+        self.assertEqual(len({(re.findall(r"action=(\w+)", example) or [""])[0] for example in examples}), 10)
+
+    def test_protocol_page(self):
+        self.converse(STORAGE)
+
+    def test_protocol_page_on_its_example(self):
+        self.converse("python3", TOP + "/docs/examples/storage.py")
+        self.end_server(-signal.SIGTERM)
+
+    # Clients that send too much or too little, or vanish: nothing stays open, and others are served.
+    def test_rude_clients(self):
+        self.serve()
+        self.expect("204 ", "/new?action=create&mode=33188")
+        before = self.descriptors()
+        for start in ("GET $/", "GET $/d/in HTTP/1.1\r\nX: "):
+            self.assertRegex(self.ask(start + MOST + RAW + "\r\n"), "^(HTTP/1.1 4|$)")
+        for _ in range(10):
+            connection = self.connection(self.bytes_of(PUT + "0" + RAW + "Expect: 100-continue\r\nContent-Length: 9\r\n\r\n"))
+            self.assertEqual(len(connection.recv(25)), 25)
+            connection.sendall(b"half")  # these last bytes and the end come together
+            connection.close()
+        until(lambda: self.descriptors() <= before)
+        self.assertEqual(text(self.tree + "/new"), "")
+        for start in (b"\0" * 1000, b"half a requ"):
+            self.connection(start).close()
+        os.rename(self.tree, self.scratch + "/moved")
+        self.expect("200 content")
+
+    def test_shortages(self):
+        self.serve("prlimit", "--nofile=200:4096", "--fsize=50000000", STORAGE)
+        self.expect("507 ", "/a.txt?action=truncate&offset=50000001")
+        self.expect("507 ", "PUT $/a.txt?action=write&flags=1&offset=49999999\n\nxyz")
+        # More connections than the first limit on descriptors, each with half a request.
+        request = self.bytes_of("/d/in")
+        connections = [self.connection(request[:9]) for _ in range(300)]
+        self.expect("200 content")
+        # No descriptor is left to open the file with; then there are some again.
+        resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
+        self.assertRegex(self.ask("/d/in"), "^(HTTP/1.1 503 |$)")
+        resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (4096, 4096))
+        until(lambda: not difference("200 content", self.ask("/d/in")))
+        for connection in connections:
+            connection.sendall(request[9:])
+            self.assertIsNone(difference("200 content", self.rest(connection)))
+
+    def test_link_that_is_being_changed(self):
+        self.serve()
+        seen = set()
+        def change():
+            while len(seen) < 2 or self.requests < 600:
+                for target in ("d", "../outside"):
+                    os.symlink(target, self.tree + "/next")
+                    os.rename(self.tree + "/next", self.tree + "/switch")
+        changer = threading.Thread(target=change)
+        self.requests = 0
+        changer.start()
+        while changer.is_alive():
+            seen.add(self.ask("/switch/in")[9:12])
+            self.expect("404 ", "/switch/secret")
+            self.expect("404 ", "PUT $/switch/secret?action=write&flags=1&offset=0\n\nX")
+            self.requests += 3
+        self.assertEqual(seen, {"200", "404"})
+        self.assertEqual(text(self.scratch + "/outside/secret"), "secret")
+
+    # A reader that takes its time holds nobody up and gets everything, unless the file gets shorter meanwhile.
+    def test_slow_readers(self):
+        self.serve(STORAGE, "--threads", "1")
+        content = text(self.tree + "/big")
+        for size in (len(content), 0):
+            connection = self.connection(self.bytes_of("/big\nRange: bytes=1-"))
+            begin = connection.recv(1).decode()
+            self.expect("200 content")
+            os.truncate(self.tree + "/big", size)
+            body = (begin + self.rest(connection)).partition("\r\n\r\n")[2]
+            self.assertEqual(body == content[1:], size > 0)
+
+    def test_command_line(self):
+        self.serve()
+        for arguments, output, status in (
+                ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
+                ("--threads 0 /tmp", "--threads 0: ", 2), ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2),
+                ("--prefix x /tmp", "--prefix x: ", 2), ("--help", "usage: ", 0),
+                ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing", 2),
+                ("--tls-cert /dev/null --tls-key /dev/null /tmp", "/dev/null: ", 1),
+                ("--listen 'not an address' /tmp", "no such address", 1),
+                ("/none/such", "/none/such: No such file or directory", 1),
+                (f"--port {urllib.parse.urlsplit(self.url).port} /tmp", "cannot serve on", 1)):
+            written, ended = shell(f"{STORAGE} {arguments}")
+            self.assertEqual((output in written, ended), (True, status), written)
