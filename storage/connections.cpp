@@ -9,7 +9,6 @@
 #include <netinet/tcp.h>
 #include <new>
 #include <poll.h>
-#include <semaphore>
 #include <set>
 #include <sys/signalfd.h>
 #include <unistd.h>
@@ -24,7 +23,6 @@ constexpr std::int64_t headerMilliseconds = 30000;
 constexpr std::int64_t crowdedMilliseconds = 1000;
 constexpr int lookMilliseconds = 1000;
 constexpr int crowdedLookMilliseconds = 50;
-constexpr std::chrono::milliseconds longestHandOver(100);
 
 struct Client {
     int socket;
@@ -34,8 +32,8 @@ struct Client {
 };
 
 std::mutex clientsMutex;
-std::set<Client*> clients; // guarded by clientsMutex
-std::counting_semaphore<> begun(0);
+std::set<Client*> clients;       // guarded by clientsMutex
+std::atomic<unsigned> begun = 0; // connections that the library has begun with, ever
 
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
@@ -75,19 +73,19 @@ std::size_t countClients() {
     return clients.size();
 }
 
-// False when this connection could not be taken for want of descriptors or memory.
-bool acceptOne(MHD_Daemon* daemon, int listener) {
+enum class Accepted { one, none, noRoom };
+
+Accepted acceptOne(MHD_Daemon* daemon, int listener) {
     sockaddr_storage address = {};
     socklen_t length = sizeof address;
     const int socket = accept4(listener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
     if (socket < 0) {
-        return errno != EMFILE && errno != ENFILE && errno != ENOMEM && errno != ENOBUFS;
+        return errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS ? Accepted::noRoom
+                                                                                         : Accepted::none;
     }
-    // The library begins with the connection on a thread of its own; the count has to include it.
-    if (MHD_add_connection(daemon, socket, reinterpret_cast<const sockaddr*>(&address), length) == MHD_YES) {
-        (void)begun.try_acquire_for(longestHandOver);
-    }
-    return true;
+    return MHD_add_connection(daemon, socket, reinterpret_cast<const sockaddr*>(&address), length) == MHD_YES
+               ? Accepted::one
+               : Accepted::none;
 }
 
 } // namespace
@@ -121,12 +119,15 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
         waited.push_back({listener, POLLIN, 0});
     }
     std::int64_t nextLook = 0;
+    unsigned handedOver = begun;
     bool hasRoom = true;
     for (;;) {
-        const bool crowded = !hasRoom || countClients() >= most;
+        // The library begins with a connection on a thread of its own, a little later.
+        const bool crowded = !hasRoom || countClients() + (handedOver - begun) >= most;
         if (const std::int64_t time = now(); crowded || time >= nextLook) {
             endSlowClients(crowded);
             nextLook = time + lookMilliseconds;
+            handedOver = begun; // it may have lost some for want of memory
         }
         hasRoom = true;
         if (poll(waited.data(), crowded ? 1 : waited.size(), crowded ? crowdedLookMilliseconds : lookMilliseconds) <=
@@ -137,7 +138,11 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
             return static_cast<int>(signal.ssi_signo);
         }
         for (std::size_t i = 1; i < waited.size() && !crowded; ++i) {
-            hasRoom = (waited[i].revents == 0 || acceptOne(daemon, waited[i].fd)) && hasRoom;
+            if (waited[i].revents != 0) {
+                const Accepted accepted = acceptOne(daemon, waited[i].fd);
+                handedOver += accepted == Accepted::one ? 1 : 0;
+                hasRoom = hasRoom && accepted != Accepted::noRoom;
+            }
         }
     }
 }
@@ -161,7 +166,7 @@ void onConnection(void*, MHD_Connection* connection, void** context, MHD_Connect
         shutdown(socket, SHUT_RDWR);
     }
     *context = client;
-    begun.release();
+    ++begun;
 }
 
 void headerArrived(MHD_Connection* connection) {
