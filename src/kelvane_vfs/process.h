@@ -1,6 +1,6 @@
-// What the process has one of: its globals, its standard descriptors, its environment, its heap
-// and its end. `main` sets the globals before the
-// FUSE loop starts, but for the pipe and the exit thread (stop_path), `exitCode` and `finderInformed`.
+// What the process has one of: its globals, its standard descriptors, its environment, its heap and its end. `main`
+// sets the globals before the FUSE loop starts, but for the pipe and the exit thread (stop_path), `exitCode` and
+// `finderInformed`.
 #pragma once
 
 #include <atomic>

@@ -108,18 +108,15 @@ void startExitThread() {
 }
 
 void prepareToStop() {
-    int failure = 0;
     if (exitThreadProcess != 0 && exitThreadProcess != getpid()) {
         close(threadPipe[0]);
         close(threadPipe[1]);
-        failure = pipe(threadPipe) != 0 ? errno : createExitThread();
+        if (pipe(threadPipe) != 0 || createExitThread() != 0) {
+            endAtOnce();
+        }
     }
-    if (failure == 0) {
-        failure = createGuard();
-    }
-    if (failure != 0) {
-        std::fprintf(stderr, "no thread to stop with: %s\n", std::strerror(failure));
-        endAtOnce();
+    if (const int failure = createGuard(); failure != 0) {
+        std::fprintf(stderr, "no guard of the stop: %s\n", std::strerror(failure));
     }
 }
 

@@ -8,10 +8,10 @@
 // thread.
 void startExitThread();
 
-// Called in the process that serves, before the handlers are installed: starts the guard, and if FUSE has forked into
-// the background since, an exit thread with a pipe of its own, because a fork takes no thread but the caller along, and
-// the parent's exit thread still reads from the pipe before. A process that could not be stopped ends here, with status
-// 1 and unmounted.
+// Called in the process that serves, before the handlers are installed: starts the guard, or prints why there is none.
+// If FUSE has forked into the background since, it also starts an exit thread with a pipe of its own, because a fork
+// takes no thread but the caller along, and the parent's exit thread still reads from the pipe before; without one the
+// process ends here, with status 1 and unmounted.
 void prepareToStop();
 
 // Body of the exit thread; the argument (the mount point) is not used.
