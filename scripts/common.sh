@@ -1,38 +1,102 @@
-# Shared by the scripts: messages, and the Debian packages that they need. Sourced, not run.
+# Shared by the scripts, which source it first: help, messages, packages, builds, and long commands with their logs.
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+logs=$top/build/logs
 
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
-test_packages=(libgtest-dev libbenchmark-dev clang-14 clang-format-14 clang-tidy-14 libclang-rt-14-dev git rsync
-    sqlite3 openssl ca-certificates gobjc++ libgnustep-base-dev libicu-dev unicode-data bzip2 python3)
+# clang and its tools in the release's own version.
+test_packages=(libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-dev git rsync sqlite3 openssl
+    ca-certificates gobjc++ libgnustep-base-dev libicu-dev unicode-data bzip2 python3)
 soak_packages=(fio stress-ng)
 
 say() { printf '== %s\n' "$*"; }
 fail() { printf '%s: %s\n' "${0##*/}" "$*" >&2; exit 1; }
 
+# Refuses a command line.
+reject() { printf '%s: %s\nTry: %s --help\n' "${0##*/}" "$*" "$0" >&2; exit 2; }
+
+# If the arguments ask for help, prints the comment at the top of the script and ends.
+offer_help() {
+    case " $* " in
+    *' -h '* | *' --help '*) sed -n '2,/^[^#]/s/^# \{0,1\}//p' "$0"; exit 0 ;;
+    esac
+}
+
+# However a script ends, it first ends the command that it waits for and then calls its own clean_up, if it has one.
+job=
+at_exit() {
+    local status=$?
+    trap '' HUP INT PIPE TERM
+    [ -z "$job" ] || { kill -TERM -- "-$job"; wait "$job"; } 2>/dev/null
+    ! declare -F clean_up >/dev/null || clean_up "$status"
+    exit "$status"
+}
+trap at_exit EXIT
+trap 'exit 129' HUP
+trap 'exit 130' INT
+trap 'exit 141' PIPE
+trap 'exit 143' TERM
+
+# Whether this user can mount a disk here.
+has_fuse() { [ -c /dev/fuse ] && { : <>/dev/fuse; } 2>/dev/null; }
+
+# Runs a command as a job in a process group of its own, so that a signal to this script is handled at once. On a
+# terminal, what the function PROGRESS prints is shown meanwhile: run_job PROGRESS COMMAND...
+run_job() {
+    local progress=$1 status
+    shift
+    set -m
+    "$@" </dev/null &
+    job=$!
+    set +m
+    while [ -t 1 ] && kill -0 "$job" 2>/dev/null; do
+        printf '\r\033[K%.79s' "$("$progress")"
+        sleep 0.2
+    done
+    [ ! -t 1 ] || printf '\r\033[K'
+    wait "$job"
+    status=$?
+    job=
+    return "$status"
+}
+
+# Runs a command with its output in build/logs/NAME.log, whose last line is the progress. If the command fails, shows
+# its last output and says where the rest is: logged NAME COMMAND...
+logged() {
+    local log=$logs/$1.log
+    shift
+    mkdir -p "$logs" && : >"$log" || fail "cannot write $log"
+    run_job last_line into_log "$@" || { tail -n 100 "$log"; say "the whole output is in $log"; return 1; } >&2
+}
+into_log() { "$@" >"$log" 2>&1; }
+last_line() { tail -n 1 "$log"; }
+
 # Installs the named packages that are missing.
 need_packages() {
-    command -v dpkg-query >/dev/null || { say "no Debian package tools here; make sure that these are installed: $*"; return 0; }
-    local missing=() package
+    command -v dpkg-query >/dev/null || { say "this is not Debian; make sure that these are installed: $*"; return 0; }
+    local missing=() package root=() log=$logs/packages.log
     for package in "$@"; do
         dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' || missing+=("$package")
     done
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${missing[*]}"
-    local root=()
     if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || fail "these packages are missing, and neither root nor sudo is there to install them: ${missing[*]}"
+        command -v sudo >/dev/null || fail "only root can install packages, and sudo is not there; run this as root:
+apt-get install --no-install-recommends ${missing[*]}"
         root=(sudo)
     fi
-    "${root[@]}" apt-get update -q >/dev/null || fail "apt-get update failed"
-    "${root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -qy --no-install-recommends "${missing[@]}" >/dev/null ||
-        fail "could not install ${missing[*]}"
+    mkdir -p "$logs"
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c \
+        'apt-get update -q && exec apt-get install -qy --no-install-recommends "$@"' sh "${missing[@]}" 2>&1 </dev/null |
+        if [ -t 1 ]; then tee "$log"; else cat >"$log"; fi
+    [ "${PIPESTATUS[0]}" -eq 0 ] ||
+        { tail -n 5 "$log" >&2; fail "the packages cannot be installed; the whole output is in $log"; }
 }
 
 # Configures and builds a preset.
 build_preset() {
     say "building ($1)"
-    (cd "$top" && cmake --preset "$1" >/dev/null && cmake --build --preset "$1" -- --quiet) ||
+    logged "build-$1" sh -c 'cd "$1" && cmake --preset "$2" && cmake --build --preset "$2"' sh "$top" "$1" ||
         fail "the build ($1) failed"
 }
