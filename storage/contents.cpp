@@ -68,9 +68,9 @@ struct Stream {
     int socket;
 };
 
-ssize_t readStream(void* context, std::uint64_t position, char* area, std::size_t size) {
+ssize_t readStream(void* context, std::uint64_t position, char* buffer, std::size_t size) {
     const auto* stream = static_cast<const Stream*>(context);
-    const ssize_t count = pread(stream->file, area, size, static_cast<off_t>(stream->first + position));
+    const ssize_t count = pread(stream->file, buffer, size, static_cast<off_t>(stream->first + position));
     if (count > 0) {
         return count;
     }

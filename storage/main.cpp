@@ -382,7 +382,7 @@ int main(int argc, char* argv[]) {
         service.connectionsOfOne = std::min(service.connections / 2, mostConnectionsOfOne);
     }
     if (geteuid() == 0 && !service.access.readOnly) {
-        say("warning: root serves a folder that clients can change; another user or --read-only is safer");
+        say("warning: root serves a directory that clients can change; another user or --read-only is safer");
     }
 
     // Blocked before the service's threads are made, so that the signals come to the descriptor.

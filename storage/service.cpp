@@ -26,7 +26,7 @@
 namespace {
 
 // The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
-// is the reading area.
+// is the reading buffer.
 constexpr std::size_t connectionMemory = 64UL * 1024;
 constexpr std::size_t threadStack = 512UL * 1024;
 // The library counts a connection for a moment after its end.

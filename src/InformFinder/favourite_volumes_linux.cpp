@@ -11,10 +11,10 @@ void releaseTemporaryPool(void*) {}
 
 // The password database knows; the environment is not asked.
 const char* homeDirectory() {
-    static thread_local char area[16384];
+    static thread_local char buffer[16384];
     passwd record = {};
     passwd* found = nullptr;
-    if (getpwuid_r(getuid(), &record, area, sizeof area, &found) != 0 || found == nullptr) {
+    if (getpwuid_r(getuid(), &record, buffer, sizeof buffer, &found) != 0 || found == nullptr) {
         return "";
     }
     return record.pw_dir;

@@ -20,7 +20,7 @@ constexpr std::size_t errorTextSize = 1024;
 static_assert(errorTextSize >= CURL_ERROR_SIZE);
 
 // A read or a write of the kernel's largest size, with its headers, in one piece each way.
-constexpr long transferAreaSize = 144L * 1024;
+constexpr long transferBufferSize = 144L * 1024;
 
 // A write asks whether its body is welcome, but does not wait a round trip for the answer. In milliseconds.
 constexpr long longestExpectWait = 1;
@@ -77,8 +77,8 @@ CURL* getCurlHandle() {
     CURL* handle = pthread_getspecific(lubcurlKey);
     if (handle == nullptr) {
         handle = curl_easy_init();
-        curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, transferAreaSize);
-        curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, transferAreaSize);
+        curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, transferBufferSize);
+        curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, transferBufferSize);
         curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, longestExpectWait);
         pthread_setspecific(lubcurlKey, handle);
     }
@@ -171,7 +171,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
     const CURLcode result = curl_easy_perform(handle);
-    // The area ends with this call; the handle lives on.
+    // The buffer ends with this call; the handle lives on.
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
     if (result != CURLE_OK) {
         std::fprintf(stderr, "UPLOAD failed due to %s\n", errorText);
