@@ -1,28 +1,23 @@
-// What the sidebar registration uses of CoreFoundation and Launch Services. The test stands in for them.
+// What the sidebar registration uses of CoreFoundation and Launch Services, every object of which is its name here. The
+// test stands in for them.
 #pragma once
-
-extern "C" {
 
 using Boolean = unsigned char;
 using UInt8 = unsigned char;
 using CFIndex = long;
 using CFTypeRef = const void*;
-using CFAllocatorRef = const struct OpaqueAllocator*;
-using CFStringRef = const struct OpaqueString*;
-using CFURLRef = const struct OpaqueURL*;
-using CFDictionaryRef = const struct OpaqueDictionary*;
-using CFArrayRef = const struct OpaqueArray*;
-using IconRef = struct OpaqueIcon*;
-using LSSharedFileListRef = struct OpaqueList*;
-using LSSharedFileListItemRef = struct OpaqueItem*;
+using CFURLRef = const char*;
+using LSSharedFileListRef = const char*;
+using LSSharedFileListItemRef = const char*;
+constexpr const char* kCFAllocatorDefault = "allocator";
+constexpr const char* kLSSharedFileListFavoriteVolumes = "favourites";
+constexpr const char* kLSSharedFileListItemLast = "last";
 
-extern const CFAllocatorRef kCFAllocatorDefault;
-extern CFStringRef kLSSharedFileListFavoriteVolumes;
-extern LSSharedFileListItemRef kLSSharedFileListItemLast;
-
-CFURLRef CFURLCreateFromFileSystemRepresentation(CFAllocatorRef, const UInt8* path, CFIndex length, Boolean isDirectory);
+extern "C" {
+CFURLRef CFURLCreateFromFileSystemRepresentation(const char* allocator, const UInt8* path, CFIndex length, Boolean);
 void CFRelease(CFTypeRef);
-LSSharedFileListRef LSSharedFileListCreate(CFAllocatorRef, CFStringRef type, CFTypeRef options);
-LSSharedFileListItemRef LSSharedFileListInsertItemURL(LSSharedFileListRef, LSSharedFileListItemRef after, CFStringRef displayName, IconRef, CFURLRef,
-        CFDictionaryRef propertiesToSet, CFArrayRef propertiesToClear);
+LSSharedFileListRef LSSharedFileListCreate(const char* allocator, const char* type, CFTypeRef options);
+LSSharedFileListItemRef LSSharedFileListInsertItemURL(LSSharedFileListRef, LSSharedFileListItemRef after,
+                                                      CFTypeRef name, CFTypeRef icon, CFURLRef, CFTypeRef toSet,
+                                                      CFTypeRef toClear);
 }

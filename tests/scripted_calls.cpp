@@ -1,0 +1,209 @@
+#include "tests/scripted_calls.h"
+
+#include "cache/life.h"
+#include "cache/path_lookup.h"
+#include "kelvane_vfs/checked_text.h"
+#include "kelvane_vfs/process.h"
+#include "kelvane_vfs/transport.h"
+
+#include <arpa/inet.h>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sstream>
+#include <sys/mman.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <thread>
+
+time_t clockNow = 1000, clockStep = 0;
+
+// In the place of the system's (linked with --wrap).
+extern "C" time_t __wrap_time(time_t*) {
+    return (clockNow += clockStep) - clockStep;
+}
+extern "C" uid_t __wrap_getuid() {
+    return 65534;
+}
+extern "C" gid_t __wrap_getgid() {
+    return 4321;
+}
+
+std::string bodyText(const std::string& body) {
+    const std::size_t hash = std::hash<std::string>()(body);
+    return body.size() < 20 ? body : std::to_string(body.size()) + " bytes " + std::to_string(hash);
+}
+
+namespace {
+
+using Strings = std::vector<std::string>;
+
+// Written by parent and child, with one file position.
+const int record = memfd_create("transcript", MFD_CLOEXEC);
+
+Strings split(const std::string& text, const std::string& separator) {
+    Strings parts;
+    for (std::size_t from = 0, to = 0; to != std::string::npos; from = to + separator.size()) {
+        to = text.find(separator, from);
+        parts.push_back(text.substr(from, to - from));
+    }
+    return parts;
+}
+
+void replaceAll(std::string& text, const std::string& from, const std::string& to) {
+    for (std::size_t at = 0; (at = text.find(from, at)) != std::string::npos; at += to.size()) {
+        text.replace(at, from.size(), to);
+    }
+}
+
+void note(const std::string& tag, std::string text) {
+    text.erase(text.size() - (text.ends_with('\n') ? 1 : 0));
+    for (const std::string& line : split(text, "\n")) {
+        EXPECT_GT(dprintf(record, "%s%s\n", tag.c_str(), line.c_str()), 0);
+    }
+}
+
+FILE* noteStream(const char* tag) {
+    const auto noteOutput = [](void* cookie, const char* data, std::size_t size) {
+        note(static_cast<char*>(cookie), std::string(data, size));
+        return static_cast<ssize_t>(size);
+    };
+    FILE* stream = fopencookie(const_cast<char*>(tag), "w", {nullptr, noteOutput, nullptr, nullptr});
+    setvbuf(stream, nullptr, _IOLBF, 0);
+    return stream;
+}
+
+// Takes one request and answers it; a reply that begins with "reset" has the connection reset.
+void serve(int listener, const std::string& reply) {
+    const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    FILE* incoming = fdopen(connection, "r");
+    std::string request, body;
+    for (char line[8192]; std::fgets(line, sizeof line, incoming) != nullptr && *line != '\r';) {
+        const std::string text(line, std::strlen(line) - 2);
+        if (text.starts_with("Content-Length: ")) {
+            body.resize(std::stoul(text.substr(16)));
+        } else if (text.starts_with("Expect: ")) {
+            send(connection, "HTTP/1.1 100 Continue\r\n\r\n", 25, MSG_NOSIGNAL);
+        } else if (!text.starts_with("Host: ") && !text.starts_with("Accept: ")) {
+            request += text.substr(0, text.find(" HTTP/")) + "|";
+        }
+    }
+    body.resize(std::fread(body.data(), 1, body.size(), incoming));
+    note("> ", request + bodyText(body));
+    const linger now = {reply.starts_with("reset") ? 1 : 0, 0};
+    send(connection, reply.data() + 5 * now.l_onoff, reply.size() - 5 * now.l_onoff, MSG_NOSIGNAL);
+    setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
+    std::fclose(incoming);
+}
+
+[[noreturn]] void runChild(std::size_t start, const std::function<long()>& call) {
+    stdout = noteStream("O ");
+    stderr = noteStream("E ");
+    alarm(100);
+    finderInformed = 1;
+    initLibCurl();
+    if (start > 0) {
+        DirInit();
+    }
+    for (std::size_t i = 1; i < start; i += 2) {
+        DirGetEntry(i == 1 ? "/d/x" : "/dir x/x");
+    }
+    EXPECT_EQ(lseek(record, 0, SEEK_SET) + ftruncate(record, 0), 0);
+    note("= ", std::to_string(call()));
+    // A lock that a call keeps would stop every other thread.
+    if (dirEntryTop != nullptr) {
+        std::thread(DirLock).join();
+    }
+    std::exit(0);
+}
+
+std::string textOf(std::size_t start, const std::function<long()>& call, const Strings& replies) {
+    EXPECT_EQ(lseek(record, 0, SEEK_SET) + ftruncate(record, 0), 0);
+    const int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+    socklen_t size = sizeof address;
+    EXPECT_EQ(bind(listener, reinterpret_cast<sockaddr*>(&address), size) + listen(listener, 8), 0);
+    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &size);
+    const std::string host = "127.0.0.1:" + std::to_string(ntohs(address.sin_port));
+    checkedFormat(baseURL, sizeof baseURL, "http://%s/", host.c_str());
+    std::fflush(stdout);
+    const pid_t process = fork();
+    if (process == 0) {
+        runChild(start, call);
+    }
+    pollfd waits[] = {{listener, POLLIN, 0}, {static_cast<int>(syscall(SYS_pidfd_open, process, 0)), POLLIN, 0}};
+    for (std::size_t i = 0; poll(waits, 2, -1) > 0 && waits[0].revents != 0; ++i) {
+        serve(listener, i < replies.size() ? replies[i] : "");
+    }
+    int status = 0;
+    waitpid(process, &status, 0);
+    close(waits[1].fd);
+    close(listener);
+    const int end = WIFSIGNALED(status) ? WTERMSIG(status) : WEXITSTATUS(status);
+    std::string text = transcript() + (WIFSIGNALED(status) ? "signal " : "exit ") + std::to_string(end);
+    replaceAll(text, host, "HOST");
+    return text;
+}
+
+std::string http(const std::string& reply) {
+    if (reply.empty() || std::isdigit(reply[0]) == 0) {
+        return reply;
+    }
+    const std::string body = reply.substr(std::min<std::size_t>(reply.size(), 4));
+    const std::string size = reply.starts_with("204") ? "" : "\r\nContent-Length: " + std::to_string(body.size());
+    return "HTTP/1.1 " + reply.substr(0, 3) + " OK\r\nConnection: close" + size + "\r\n\r\n" + body;
+}
+
+bool isPlumbing(const std::string& line) {
+    const auto starts = [&](const char* start) { return line.starts_with(start); };
+    return starts("E getURL: ") || starts("O getURL: ") || starts("O DirReadOriginal") || starts("O encoded_path=") ||
+           (starts("O ") && line.ends_with(" bytes retrieved"));
+}
+
+void expectRow(const Strings& start, const std::function<long()>& call, const Strings& fields) {
+    Strings replies;
+    std::transform(start.begin(), start.end(), std::back_inserter(replies), http);
+    std::string expected, text;
+    bool plumbing = false;
+    for (std::string field : fields) {
+        field.erase(0, field.find_first_not_of(' '));
+        const std::size_t arrow = field.find("=> ");
+        if (arrow != std::string::npos) {
+            replies.push_back(http(field.substr(arrow + 3)));
+        }
+        if (arrow != 0) {
+            expected += (expected.empty() ? "" : "\n") + field.substr(0, arrow - (arrow != std::string::npos));
+        }
+        plumbing = plumbing || isPlumbing(field);
+    }
+    expected += fields.back().starts_with("exit ") || fields.back().starts_with("signal ") ? "" : "\nexit 0";
+    for (const std::string& line : split(textOf(start.size(), call, replies), "\n")) {
+        text += plumbing || !isPlumbing(line) ? (text.empty() ? "" : "\n") + line : "";
+    }
+    if (expected.starts_with("...\n") && ("\n" + text).ends_with(expected.substr(3))) {
+        text = expected;
+    }
+    EXPECT_EQ(text, expected);
+}
+
+} // namespace
+
+std::string transcript() {
+    std::string text(lseek(record, 0, SEEK_CUR), '\0');
+    EXPECT_EQ(pread(record, text.data(), text.size(), 0), static_cast<ssize_t>(text.size()));
+    return text;
+}
+
+void expectRows(const std::string& start, const std::vector<Row>& rows) {
+    const auto fieldsOf = [](std::string text) {
+        replaceAll(text, "\n", "; ");
+        for (const auto& [word, meaning] : words) {
+            replaceAll(text, word, meaning);
+        }
+        return split(text, "; ");
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.text);
+        expectRow(start.empty() ? Strings() : fieldsOf(start), row.call, fieldsOf(row.text));
+    }
+}

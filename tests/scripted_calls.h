@@ -1,0 +1,33 @@
+// Tables of calls into the daemon's code. Each row runs in a child process against a scripted service, and all that
+// comes of it makes one text, in the order in which it happens. A row tells that text in fields, separated by "; " or a
+// line's end:
+//   "O TEXT", "E TEXT"  a line on one of the output streams; the transport's and the spelling's own lines count only in
+//       rows that have one of them
+//   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone (one that
+//       begins with "reset" has the connection reset behind it)
+//   "= NUMBER"  the call's result
+//   "exit STATUS", "signal NUMBER"  the child's end, if that is not exit 0
+// With "..." for its first field a row tells the end of the text. The service's address is HOST; `words` are replaced.
+#pragma once
+
+#include <ctime>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+struct Row {
+    std::function<long()> call;
+    std::string text;
+};
+
+extern std::map<std::string, std::string> words;
+std::string bodyText(const std::string& body);
+
+// `start` answers, in fields, what comes before each row: nothing (there is no cache then), the request for the root's
+// attributes, or also those for the listings of "/", "/d" and "/dir x".
+void expectRows(const std::string& start, const std::vector<Row>& rows);
+
+// In the child: the clock, which moves on by `clockStep` seconds with each look at it; what has happened so far.
+extern time_t clockNow, clockStep;
+std::string transcript();
