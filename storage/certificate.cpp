@@ -15,8 +15,9 @@ struct Certificate {
     gnutls_privkey_t key = nullptr;
 };
 
-// Handshakes that have begun go on with the one before, so none is released: a renewal costs a few kilobytes.
-std::list<Certificate> certificates;
+// Handshakes that have begun go on with the one before, so none is released, not even at the end: a renewal costs a few
+// kilobytes.
+std::list<Certificate>& certificates = *new std::list<Certificate>;
 std::atomic<Certificate*> current;
 
 gnutls_datum_t dataOf(std::string& text) {

@@ -202,10 +202,13 @@ class StorageTest(ServerTest):
         # More connections than the first limit on descriptors, each with half a request.
         request = self.bytes_of("/d/in")
         connections = [self.connection(request[:9]) for _ in range(300)]
+        until(lambda: self.descriptors() > len(connections))
         self.expect("200 content")
         # No descriptor is left to open the file with; then there are some again.
-        resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
-        self.assertRegex(self.ask("/d/in"), "^(HTTP/1.1 503 |$)")
+        def is_starved():
+            resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
+            return re.match("HTTP/1.1 503 |$", self.ask("/d/in"))
+        until(is_starved)
         resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (4096, 4096))
         until(lambda: not difference("200 content", self.ask("/d/in")))
         for connection in connections:
