@@ -25,7 +25,6 @@
 
 namespace {
 
-constexpr unsigned mostThreads = 256;
 constexpr rlim_t ownDescriptors = 32;
 constexpr rlim_t fewestConnections = 8;
 constexpr rlim_t mostConnections = 16384;
@@ -39,7 +38,6 @@ enum Status { success = 0, failure = 1, wrongUsage = 2 };
 struct Arguments {
     std::string listen = "127.0.0.1";
     unsigned port = 0;
-    unsigned threads = 0;
     bool sync = false;
     std::string certificateFile;
     std::string keyFile;
@@ -84,10 +82,10 @@ int complainOfArgument(const std::string& text) {
     return complain(text + "; --help shows the usage", wrongUsage);
 }
 
-bool parseCount(const char* text, unsigned least, unsigned most, unsigned& count) {
+bool parseCount(const char* text, unsigned most, unsigned& count) {
     const char* end = text + std::strlen(text);
     const auto [stop, error] = std::from_chars(text, end, count);
-    return error == std::errc() && stop == end && stop != text && count >= least && count <= most;
+    return error == std::errc() && stop == end && stop != text && count <= most;
 }
 
 // What may stand in a URL's path as it is.
@@ -99,23 +97,14 @@ bool isPlain(const std::string& prefix) {
 // -1 to go on, else the exit status.
 int parseArguments(int argc, char* argv[], Arguments& arguments) {
     const option options[] = {
-        {"listen", required_argument, nullptr, 'l'},
-        {"port", required_argument, nullptr, 'p'},
-        {"prefix", required_argument, nullptr, 'x'},
-        {"read-only", no_argument, nullptr, 'r'},
-        {"sync", no_argument, nullptr, 'y'},
-        {"secret-file", required_argument, nullptr, 's'},
-        {"no-secret", no_argument, nullptr, 'n'},
-        {"users", required_argument, nullptr, 'u'},
-        {"host", required_argument, nullptr, 'o'},
-        {"tls-cert", required_argument, nullptr, 'c'},
-        {"tls-key", required_argument, nullptr, 'k'},
-        {"behind-proxy", no_argument, nullptr, 'b'},
-        {"log", required_argument, nullptr, 'g'},
-        {"threads", required_argument, nullptr, 't'},
-        {"version", no_argument, nullptr, 'v'},
-        {"help", no_argument, nullptr, 'h'},
-        {nullptr, 0, nullptr, 0},
+        {"listen", required_argument, nullptr, 'l'},  {"port", required_argument, nullptr, 'p'},
+        {"prefix", required_argument, nullptr, 'x'},  {"read-only", no_argument, nullptr, 'r'},
+        {"sync", no_argument, nullptr, 'y'},          {"secret-file", required_argument, nullptr, 's'},
+        {"no-secret", no_argument, nullptr, 'n'},     {"users", required_argument, nullptr, 'u'},
+        {"host", required_argument, nullptr, 'o'},    {"tls-cert", required_argument, nullptr, 'c'},
+        {"tls-key", required_argument, nullptr, 'k'}, {"behind-proxy", no_argument, nullptr, 'b'},
+        {"log", required_argument, nullptr, 'g'},     {"version", no_argument, nullptr, 'v'},
+        {"help", no_argument, nullptr, 'h'},          {nullptr, 0, nullptr, 0},
     };
     ServiceOptions& service = arguments.service;
     std::string& base = service.access.base;
@@ -125,7 +114,7 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             arguments.listen = optarg;
             break;
         case 'p':
-            if (!parseCount(optarg, 0, UINT16_MAX, arguments.port)) {
+            if (!parseCount(optarg, UINT16_MAX, arguments.port)) {
                 return complainOfArgument("--port " + std::string(optarg) + ": not a number from 0 to 65535");
             }
             break;
@@ -164,11 +153,6 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             break;
         case 'g':
             arguments.logFile = optarg;
-            break;
-        case 't':
-            if (!parseCount(optarg, 1, mostThreads, arguments.threads)) {
-                return complainOfArgument("--threads " + std::string(optarg) + ": not a number from 1 to 256");
-            }
             break;
         case 'v':
             std::puts("kelvane_storage " KELVANE_VERSION);
@@ -251,8 +235,8 @@ std::string baseUrl(const Arguments& arguments, const sockaddr_storage& address,
            arguments.service.access.base;
 }
 
-// Thousands of connections need more descriptors than the usual soft limit. Returns how many connections the limit
-// leaves room for when each of them opens a file or two.
+// Thousands of connections need more descriptors than the usual soft limit. Returns how many connections there
+// is room for when each of them opens a file or two and has a thread.
 unsigned raiseDescriptorLimit() {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -260,7 +244,10 @@ unsigned raiseDescriptorLimit() {
     }
     const rlimit raised = {limit.rlim_max, limit.rlim_max};
     const rlim_t most = setrlimit(RLIMIT_NOFILE, &raised) == 0 ? raised.rlim_cur : limit.rlim_cur;
-    const rlim_t room = most > ownDescriptors ? (most - ownDescriptors) / 3 : 0;
+    rlim_t room = most > ownDescriptors ? (most - ownDescriptors) / 3 : 0;
+    if (geteuid() != 0 && getrlimit(RLIMIT_NPROC, &limit) == 0) {
+        room = std::min(room, limit.rlim_cur / 2);
+    }
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 

@@ -74,7 +74,7 @@ SECTIONS = {
         ("200 *", ["/\xc3\xa9?action=props"]),
         ("204 ", ["/\xc3\xa9?action=rmdir"], DECOMPOSED),
     ],
-    "--read-only --no-secret --threads 1 --prefix /base": [
+    "--read-only --no-secret --prefix /base": [
         ("200 content", ["/d/in", "GET $%2Fd/in", "GET $%2fd/in"]),
         ("404 ", ["GET $ment", "GET /d/in"]),
         ("403 ", ["PUT $/a.txt?action=write&flags=1&offset=0\n\nx", "/a.txt?action=truncate&offset=0",
@@ -154,7 +154,7 @@ class StorageTest(ServerTest):
         self.section("")
 
     def test_read_only(self):
-        self.section("--read-only --no-secret --threads 1 --prefix /base")
+        self.section("--read-only --no-secret --prefix /base")
 
     def test_localhost(self):
         self.section("--listen localhost")
@@ -236,7 +236,7 @@ class StorageTest(ServerTest):
 
     # A reader that takes its time holds nobody up and gets everything, unless the file gets shorter meanwhile.
     def test_slow_readers(self):
-        self.serve(STORAGE, "--threads", "1")
+        self.serve()
         content = text(self.tree + "/big")
         for size in (len(content), 0):
             connection = self.connection(self.bytes_of("/big\nRange: bytes=1-"))
@@ -250,7 +250,7 @@ class StorageTest(ServerTest):
         self.serve()
         for arguments, output, status in (
                 ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
-                ("--threads 0 /tmp", "--threads 0: ", 2), ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2),
+                ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2),
                 ("--prefix x /tmp", "--prefix x: ", 2), ("--help", "usage: ", 0),
                 ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing", 2),
                 ("--tls-cert /dev/null --tls-key /dev/null /tmp", "/dev/null: ", 1),
