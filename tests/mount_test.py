@@ -144,6 +144,25 @@ class MountTest(ServerTest):
             self.ended(1)
             self.assertIn("CURL error: Couldn't connect to server\n", text(self.disk + ".out"))
 
+    # A disk below the server that answers nobody, here one of ours, holds up only those who ask for its files.
+    def test_frozen_disk_below_a_server(self):
+        self.check(f"echo content >{self.tree}/file")
+        self.serve()
+        self.mount()
+        os.kill(self.server.pid, signal.SIGSTOP)
+        outer = start([STORAGE, self.scratch], self.scratch + "/outer")
+        until(lambda: text(self.scratch + "/outer.out").endswith("\n"))
+        url = text(self.scratch + "/outer.out").strip()
+        waiting = [start(["curl", "-s", url + "%2Fdisk%2Ffile"], f"{self.scratch}/{client}") for client in range(8)]
+        for _ in range(30):
+            self.check(f"curl -s {url}%2Ftree%2Ffile", ("content\n", 0))
+        self.assertEqual([client.poll() for client in waiting], [None] * 8)
+        os.kill(self.server.pid, signal.SIGCONT)
+        self.assertEqual([client.wait() for client in waiting], [0] * 8)
+        outer.terminate()
+        self.assertEqual(outer.wait(), 0)
+        self.unmount()
+
     def test_trace_that_nobody_reads(self):
         self.serve()
         os.mkfifo(self.disk + ".out")

@@ -1,14 +1,16 @@
 """The server as its clients see it: requests over sockets, replies, and what is on disk then."""
-import contextlib, itertools, os, re, resource, signal, socket, threading, urllib.parse
+import contextlib, itertools, os, re, resource, select, signal, socket, threading, urllib.parse
 from programs import STORAGE, TOP, ServerTest, shell, text, until
 
 DECOMPOSED = "e\xcc\x81"
-JSON = "\nContent-Type: application/json"
+COMMON = "\nCache-Control: no-store\nX-Content-Type-Options: nosniff"
+JSON = "\nContent-Type: application/json" + COMMON
 RAW = " HTTP/1.1\r\nHost: @\r\nConnection: close\r\n"
 PUT = "PUT $/new?action=write&flags=1&offset="
 CHUNKED = RAW + "Transfer-Encoding: chunked\r\n\r\n"
 MOST = "x" * (1 << 20)
 LONGEST = "%61" * 2047
+HIDDEN = "GET $/hidden?action=create" + RAW + "\r\n"
 
 # Sections: arguments of the server, and rows. A row is a reply, the requests that get it, and what is below the directory
 # then: "file=content", or "file" that is not there. A request is its first line (without "GET $" if it begins with a
@@ -17,7 +19,7 @@ LONGEST = "%61" * 2047
 # "*" anything.
 SECTIONS = {
     "": [
-        ("200 content\nContent-Type: application/octet-stream\nAccept-Ranges: bytes", ["/d/in"]),
+        ("200 content\nContent-Type: application/octet-stream\nAccept-Ranges: bytes" + COMMON, ["/d/in"]),
         ('200 {"s":7,"b":N,"m":33188,"nl":2,"at":2,"mt":1,"ct":N}' + JSON, ["/a.txt?action=props"]),
         ('200 {"entries":[{"t":8,"s":7,"b":N,"m":33188,"nl":1,"at":N,"mt":N,"ct":N,"n":"\\"\\\\\\u001f"}]}' + JSON, ["/odd"]),
         ("200 \nContent-Length: 7", ["HEAD $/a.txt"]),
@@ -44,6 +46,15 @@ SECTIONS = {
         ("403 ", ["/pipe", "PUT $/pipe?action=write&flags=1&offset=0\n\nx", "/pipe?action=truncate&offset=0",
                   "/d?action=truncate&offset=2", "/?action=unlink", "/?action=rename&to=x&replace=1",
                   "/?action=create&mode=1", "/d?action=unlink"], "x"),
+        # Refused when the whole body has come, and where its end is in doubt, before the rest passes for a request.
+        ("403 " + COMMON, [f"PUT $/d?action=write&flags=1&offset=0\n\n{MOST}"]),
+        ("400 *", [f"{PUT}0 HTTP/1.1\r\nHost: @\r\n{headers}\r\n\r\n{begin}{HIDDEN}" for headers, begin in (
+            ("Content-Length: 0\r\nContent-Length: 9", ""), ("Content-Length: 0\r\nTransfer-Encoding: chunked", "0\r\n\r\n"),
+            ("Transfer-Encoding : chunked", ""), ("Transfer-Encoding:\r\n chunked", ""))], "hidden"),
+        # Modes: the server's user can always read and write.
+        ("204 ", ["/sealed?action=create&mode=33024", "/plain?action=create"], "sealed="),
+        ('200 {"s":0,"b":0,"m":33152,*', ["/sealed?action=props"]),
+        ('200 {"s":0,"b":0,"m":33188,*', ["/plain?action=props"]),
         # Contents.
         ("204 ", ["/new?action=create&mode=33206"], "new="),
         ('200 {"s":6,"b":N,"m":33206,"nl":1,"at":N,"mt":N,"ct":N}' + JSON, [PUT + "3\n\nabc", PUT + "1\n\nZ"],
@@ -195,8 +206,67 @@ class StorageTest(ServerTest):
         os.rename(self.tree, self.scratch + "/moved")
         self.expect("200 content")
 
+    # An upload that the server has given its leave for; its body is still to come.
+    def upload(self, file, length):
+        connection = self.connection(self.bytes_of(f"PUT $/{file}?action=write&flags=1&offset=0{RAW}Expect: 100-continue\r\n"
+                                                   f"Content-Length: {length}\r\n\r\n"))
+        self.assertEqual(len(connection.recv(25)), 25)
+        return connection
+
+    def finish(self, upload, data, expected):
+        upload.sendall(data)
+        self.assertIsNone(difference(expected, self.rest(upload)))
+
+    def test_uploads(self):
+        self.serve(STORAGE, "--sync")
+        # To the same place, in pieces: they do not mix.
+        uploads = [(self.upload("d/in", 1 << 17), letter) for letter in (b"a", b"b")]
+        for _ in range(3):
+            for connection, letter in uploads:
+                connection.sendall(letter * (1 << 15))
+            uploads.reverse()
+        for connection, letter in uploads:
+            self.finish(connection, letter * (1 << 15), '200 {"s":131072,*')
+        self.assertEqual(len(set(text(self.tree + "/d/in"))), 1)
+        # The file goes meanwhile.
+        for file, change in (("d/in", "rm d/in"), ("full/x", "mv notes/hello.txt full/x")):
+            upload = self.upload(file, 4)
+            self.check(f"cd {self.tree} && {change}")
+            self.finish(upload, b"lost", "404 ")
+        self.assertEqual(text(self.tree + "/full/x"), "hello, world")
+        # A signal waits for it.
+        upload = self.upload("a.txt", 4)
+        self.server.terminate()
+        with contextlib.suppress(ConnectionError):
+            while True:
+                self.connection().close()
+        self.finish(upload, b"last", '200 {"s":7,*')
+        self.assertEqual(text(self.tree + "/a.txt"), "lastent")
+
+    # What is no file is not even opened, and the kernel's own files are not written.
+    def test_special_files(self):
+        self.serve()
+        reader = os.open(self.tree + "/pipe", os.O_RDONLY | os.O_NONBLOCK)
+        for request in ("?action=create&mode=33188", "?action=truncate&offset=0", ""):
+            self.expect("403 ", "/pipe" + request)
+        self.expect("403 ", "PUT $/pipe?action=write&flags=1&offset=0\n\nx")
+        self.assertEqual(select.select([reader], [], [], 0)[0], [])
+        os.close(reader)
+        self.end_server()
+        self.tree = "/proc"
+        self.serve()
+        self.expect("403 ", "PUT $/self/comm?action=write&flags=1&offset=0\n\nx")
+        self.expect("403 ", "/self/comm?action=truncate&offset=0")
+
+    def test_crowd(self):
+        self.serve("prlimit", "--nofile=60", STORAGE)
+        crowd = [self.connection(b"GET") for _ in range(12)]
+        self.expect("200 content")
+        self.assertTrue(crowd)
+
     def test_shortages(self):
         self.serve("prlimit", "--nofile=200:4096", "--fsize=50000000", STORAGE)
+        before = self.descriptors()
         self.expect("507 ", "/a.txt?action=truncate&offset=50000001")
         self.expect("507 ", "PUT $/a.txt?action=write&flags=1&offset=49999999\n\nxyz")
         # More connections than the first limit on descriptors, each with half a request.
@@ -204,6 +274,7 @@ class StorageTest(ServerTest):
         connections = [self.connection(request[:9]) for _ in range(300)]
         until(lambda: self.descriptors() > len(connections))
         self.expect("200 content")
+        until(lambda: self.descriptors() == before + len(connections))
         # No descriptor is left to open the file with; then there are some again.
         def is_starved():
             resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
