@@ -7,6 +7,8 @@ COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
 # The daemon must not care for a proxy in its environment, nor for a signal that its starter blocks.
 DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "--block-signal=RTMIN", VFS]
 AUTO = ["-f", "-o", "auto_unmount"]
+OTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
+OTHER_USER += ["setpriv", "--pdeathsig", "KILL"]  # which a change of user takes back
 
 @unittest.skipUnless(os.access("/dev/fuse", os.R_OK | os.W_OK), "there is no /dev/fuse to use, so nothing can be mounted")
 class MountTest(ServerTest):
@@ -48,13 +50,27 @@ class MountTest(ServerTest):
     def same(self, command, one, other):
         self.assertEqual(shell(f"cd {one} && {command}"), shell(f"cd {other} && {command}"))
 
+    # Served with the rights of another user where we may choose, to a client that needs a name and a password.
     def test_programs(self):
-        local = self.scratch + "/local"
-        os.mkdir(local)
-        self.serve()
+        local, state = self.scratch + "/local", self.scratch + "/state"
+        self.check(f"""mkdir {local} {state} && cp {STORAGE} {state} && echo 'ann:p:w@/' >{state}/users &&
+            chmod 600 {state}/users && chmod 711 {self.scratch} && if [ $(id -u) = 0 ]; then chown -R 65534 {state} {self.tree}; fi""")
+        server = [*OTHER_USER, *"{0}/kelvane_storage --users {0}/users --secret-file {0}/secret --log {0}/log".format(state).split()]
+        self.serve(*server)
+        url = self.url
+        self.url = url.replace("//", "//ann:p%3Aw%40%2F@")
         self.mount()
+        self.assertNotIn("http", text(f"/proc/{self.daemon.pid}/cmdline"))
         self.same(f"bash {os.path.dirname(os.path.abspath(__file__))}/programs.sh", local, self.disk)
         self.unmount()
+        self.end_server()
+        self.assertNotRegex(text(state + "/log"), " (400|401|403|421) ")
+        self.assertEqual(os.stat(state + "/secret").st_mode & 0o777, 0o600)
+        self.serve(*server)
+        self.assertEqual(self.url[-24:], url[-24:])
+        self.end_server()
+        self.check(f"chown -R $(id -u):$(id -g) {self.tree}")
+        self.serve()
         self.check(f"sync; diff -r --exclude .git {local} {self.tree}")
         look = (r"find . -mindepth 1 -printf '%p %y %s %b %m %n %U %G %A@ %T@ %C@\n' | sed 's/\.0\{10\}//g' | sort;"
                 r"find . -type f | sort | xargs -d '\n' md5sum; df --output=size . | tail -n 1")

@@ -1,5 +1,5 @@
 """The server as its clients see it: requests over sockets, replies, and what is on disk then."""
-import contextlib, itertools, os, re, resource, select, signal, socket, threading, urllib.parse
+import base64, contextlib, itertools, os, re, resource, select, signal, socket, ssl, threading, urllib.parse
 from programs import STORAGE, TOP, ServerTest, shell, text, until
 
 DECOMPOSED = "e\xcc\x81"
@@ -11,6 +11,28 @@ CHUNKED = RAW + "Transfer-Encoding: chunked\r\n\r\n"
 MOST = "x" * (1 << 20)
 LONGEST = "%61" * 2047
 HIDDEN = "GET $/hidden?action=create" + RAW + "\r\n"
+
+ANN, BOB, WRONG, NOBODY = ("Authorization: Basic " + base64.b64encode(user).decode()
+                        for user in (b"ann:pass word", b"bob:b", b"ann:pass wor", b"eve:pass word"))
+
+def as_host(*hosts):
+    return [f"GET $/d/in?action=props HTTP/1.1\r\nHost: {host}\r\n{ANN}\r\nConnection: close\r\n\r\n" for host in hosts]
+
+# What everybody gets, whoever he is and however the server was started: web pages, and names that lead to it.
+ACCESS = [
+    ("403 ", [f"/d/in?action=unlink\n{header}\n{ANN}" for header in
+              ("Origin: null", "referer: http://@$/", "Cookie: a=b", "Sec-Fetch-Site: cross-site",
+               "Sec-Fetch-Site: same-origin")] + [f"PUT $/d/in?action=write&flags=1&offset=0\n{ANN}\nOrigin: x\n\nx"],
+     "d/in=content"),
+    ("421 ", [f"GET {url}$/d/in?action=unlink\n{ANN}" for url in ("http://evil.example", "http://127.0.0.1@evil.example",
+                                                                   "http://")], "d/in=content"),
+    ("421 ", as_host("evil.example", "localhost.evil.example", "127.0.0.1.evil.example:80", "1.2.3", "[::1", "")),
+    ("200 *", as_host("LocalHost:1", "10.0.0.1", "[fe80::1]:80", "disk.example.:8080")),
+    ("200 content", [f"/d/in\nSec-Fetch-Site: none\n{ANN}", f"GET http://disk.example$/d/in\n{ANN}"]),
+    ("404 ", [f"{line}\n{ANN}" for line in ("GET /", "GET /d/in?action=unlink", "GET $", "GET $~/d/in", "GET /~$/d/in",
+                                            "GET /AAAAAAAAAAAAAAAAAAAAAA/d/in")] +
+     [f"PUT /d/in?action=write&flags=1&offset=0\n{ANN}\n\nx"], "d/in=content"),
+]
 
 # Sections: arguments of the server, and rows. A row is a reply, the requests that get it, and what is below the directory
 # then: "file=content", or "file" that is not there. A request is its first line (without "GET $" if it begins with a
@@ -93,6 +115,15 @@ SECTIONS = {
         ("403 ", ["/new?action=create&mode=33188", "/new?action=mkdir"], "new"),
     ],
     "--listen localhost": [("200 content", ["/d/in"])],
+    "--host disk.example": ACCESS,
+    "--host disk.example --log {0}/log --users {0}/users": ACCESS + [
+        ('401 \nWWW-Authenticate: Basic realm="kelvane_storage"', [f"{line}\n{user}" for user in (WRONG, NOBODY, "X: y") for line in
+            ("/d/in", "/a.txt?action=what", "/new?action=create&mode=33188", "/pipe", "POST $/")], "new"),
+        ("200 content", [f"/d/in\n{user.replace('Basic', scheme)}" for user in (ANN, BOB) for scheme in ("Basic", "basic ")]),
+        ("403 ", [f"/new?action=create&mode=33188\n{BOB}", f"PUT $/a.txt?action=write&flags=1&offset=0\n{BOB}\n\nx"],
+         "new", "a.txt=content"),
+        ("204 ", [f"/new%20?action=create&mode=33188\n{ANN}"], "new =")],
+    "--no-secret --users {0}/users": [("401 ", ["/d/in"]), ("200 content", [f"GET /d/in\n{ANN}"])],
 }
 
 # Whether a reply is what a row shows; None, or what differs.
@@ -110,7 +141,8 @@ class StorageTest(ServerTest):
             printf content | tee d/in full/x odd/bad$'\377' >a.txt && printf café >é && ln a.txt ../outside/second &&
             printf secret >../outside/secret && ln -s ../outside/secret out && ln -s /etc absolute && ln -s loop loop &&
             ln -s d/in link && ln -s ../out odd && ln -s ../d/in odd/$'"\\\037' && printf 'hello, world' >notes/hello.txt &&
-            touch -m -d @1 a.txt && touch -a -d @2 a.txt""")
+            touch -m -d @1 a.txt && touch -a -d @2 a.txt && cd .. && printf '# who\nann:pass word\n\nbob:b:ro\n' >users &&
+            echo bad >bad && touch others && chmod 600 users bad && chmod 604 others""")
 
     def bytes_of(self, request):
         request = ("GET $" if request.startswith("/") else "") + request
@@ -125,13 +157,15 @@ class StorageTest(ServerTest):
     def connection(self, data=b""):  # a new one, over which the data is sent
         url = urllib.parse.urlsplit(self.url)
         connection = socket.create_connection((url.hostname, url.port))
+        if url.scheme == "https":
+            connection = ssl._create_unverified_context().wrap_socket(connection)
         self.addCleanup(connection.close)
         with contextlib.suppress(ConnectionError):
             connection.sendall(data)
         return connection
 
     def rest(self, connection):
-        data = b""
+        data = bytearray()
         with connection, contextlib.suppress(ConnectionError):
             while piece := connection.recv(1 << 16):
                 data += piece
@@ -147,8 +181,8 @@ class StorageTest(ServerTest):
         return len(os.listdir(f"/proc/{self.server.pid}/fd"))
 
     def section(self, arguments):
-        self.serve(STORAGE, *arguments.split())
-        self.expect("200 content")
+        self.serve(STORAGE, *arguments.format(self.scratch).split())
+        self.expect("200 content", "/d/in\n" + ANN)
         before = self.descriptors()
         for reply, requests, *after in SECTIONS[arguments]:
             for request in requests:
@@ -169,6 +203,47 @@ class StorageTest(ServerTest):
 
     def test_localhost(self):
         self.section("--listen localhost")
+
+    def test_access_with_secret(self):
+        self.section("--host disk.example")
+
+    def test_access_of_users(self):
+        self.section("--no-secret --users {0}/users")
+        self.end_server()
+        self.section("--host disk.example --log {0}/log --users {0}/users")
+        log = text(self.scratch + "/log")
+        self.assertRegex(log, r"\n\S+Z 127.0.0.1 bob create /new 403 0\n(.*\n)*\S+Z 127.0.0.1 ann create /new%20 204 0\n$")
+        self.assertRegex(log, r"\n\S+Z 127.0.0.1 - - - 401 0\n")
+        for hidden in (urllib.parse.urlsplit(self.url).path.strip("/"), "pass", BOB[-4:], "evil"):
+            self.assertNotIn(hidden, log)
+
+    # What SIGHUP reads again, while a reply is on its way.
+    def test_reload(self):
+        def renew(user):
+            self.check(f"""cd {self.scratch} && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes \
+                -days 2 -subj /CN=test -keyout key -out cert 2>/dev/null && echo {user}:pass >users""")
+            return "\nAuthorization: Basic " + base64.b64encode(user.encode() + b":pass").decode()
+        def reload(answer):
+            open(self.scratch + "/server.err", "w").close()
+            self.server.send_signal(signal.SIGHUP)
+            until(lambda: answer in text(self.scratch + "/server.err"))
+            url = urllib.parse.urlsplit(self.url)
+            return ssl.get_server_certificate((url.hostname, url.port))
+        one = renew("one")
+        self.serve(STORAGE, *"--tls-cert {0}/cert --tls-key {0}/key --users {0}/users --log {0}/log".format(self.scratch).split())
+        running = self.connection(self.bytes_of("/big" + one))
+        begin = running.recv(1).decode()
+        before = reload("again")
+        two = renew("two")
+        os.rename(self.scratch + "/log", self.scratch + "/log.1")
+        after = reload("again")
+        self.assertNotEqual(before, after)
+        self.expect("401 ", "/d/in" + one)
+        self.expect("200 content", "/d/in" + two)
+        until(lambda: "two read /d/in 200 7\n" in text(self.scratch + "/log"))
+        self.check(f"chmod 604 {self.scratch}/key")
+        self.assertEqual(reload("others can read it"), after)
+        self.assertEqual((begin + self.rest(running)).partition("\r\n\r\n")[2], text(self.tree + "/big"))
 
     # The conversation of the protocol page, with this server and with the page's example of one.
     def converse(self, *command):
@@ -323,10 +398,13 @@ class StorageTest(ServerTest):
                 ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
                 ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2),
                 ("--prefix x /tmp", "--prefix x: ", 2), ("--help", "usage: ", 0),
-                ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing", 2),
+                ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing: --tls-cert", 2),
+                ("--listen :: --behind-proxy --no-secret /tmp", "other machines reach ::, so this is missing: a secret", 2),
+                ("--users {0}/others /tmp", "others can read it", 1), ("--secret-file {0}/others /tmp", "others can read it", 1),
+                ("--users {0}/bad /tmp", "line 1 is not NAME:PASSWORD", 1), ("--version", "kelvane_storage 1.", 0),
                 ("--tls-cert /dev/null --tls-key /dev/null /tmp", "/dev/null: ", 1),
                 ("--listen 'not an address' /tmp", "no such address", 1),
                 ("/none/such", "/none/such: No such file or directory", 1),
                 (f"--port {urllib.parse.urlsplit(self.url).port} /tmp", "cannot serve on", 1)):
-            written, ended = shell(f"{STORAGE} {arguments}")
+            written, ended = shell(f"{STORAGE} " + arguments.format(self.scratch))
             self.assertEqual((output in written, ended), (True, status), written)
