@@ -33,10 +33,12 @@ std::string data(300000, '\0');
 struct stat attributes, noAttributes;
 struct statvfs volume;
 
-template <typename... Numbers> void print(Numbers... numbers) {
-    std::string text;
-    ((text += std::to_string(numbers) + " "), ...);
-    std::puts(text.c_str());
+template <typename... Parts> long print(const Parts&... parts) {
+    std::ostringstream text;
+    const char* separator = "";
+    ((text << separator << parts, separator = " "), ...);
+    std::puts(text.str().c_str());
+    return 0;
 }
 
 long list(const char* path) {
@@ -46,17 +48,21 @@ long list(const char* path) {
         return 1;
     };
     const int result = kelvane_readdir(path, &names, add, 0, nullptr);
-    std::puts(names.size() < 200 ? names.c_str() : std::to_string(names.size()).c_str());
+    const std::string trace = transcript();
+    names.size() < 200 ? print(names) : print(names.size(), std::count(trace.begin(), trace.end(), '\n'));
     return result;
 }
 
 // What the cache says of a path; the result of the call before is passed on.
 long show(long result, const char* path) {
     const DirEntry* entry = DirGetEntry(path);
-    const struct stat& st = entry != nullptr ? entry->st : noAttributes;
-    std::puts(entry != nullptr ? entry->name : "none");
-    print(entry != nullptr ? entry->type : 0, st.st_mode, st.st_size, st.st_blocks, st.st_nlink, st.st_atime,
-          st.st_mtime, st.st_ctime, st.st_uid, st.st_gid);
+    if (entry == nullptr) {
+        print("none");
+        return result;
+    }
+    const struct stat& st = entry->st;
+    print(entry->name, entry->type, st.st_mode, st.st_size, st.st_blocks, st.st_nlink, st.st_atime, st.st_mtime,
+          st.st_ctime, st.st_uid, st.st_gid);
     return result;
 }
 
@@ -72,11 +78,6 @@ long writeFile(std::size_t size, off_t offset) {
     return kelvane_write("/a.txt", data.data(), size, offset, &file);
 }
 
-long printName(const char* text) {
-    std::puts(text != nullptr ? text : "null");
-    return 0;
-}
-
 } // namespace
 
 std::map<std::string, std::string> words = [] {
@@ -86,8 +87,7 @@ std::map<std::string, std::string> words = [] {
     all["DIR4096"] = R"({"s":4096,"b":8,"m":16877)" + rest;
     all["FILE5"] = R"({"s":5,"b":8,"m":33188)" + rest;
     all["SOCKET"] = R"({"s":9,"b":8,"m":49536)" + rest;
-    all["OTHERS"] = "8 1 11 22 33 65534 4321 ";
-    all["NOTHING"] = "none\nO 0 0 0 0 0 0 0 0 0 0 ";
+    all["OTHERS"] = "8 1 11 22 33 65534 4321";
     all["NFC"] = composed;
     all["NFD"] = decomposed;
     all["TYPE"] = "Content-Type: application/octetstream|";
@@ -109,24 +109,24 @@ TEST(Calls, Changes) {
         {
             {[] { return show(kelvane_mkdir("/dir x/new", 0700), "/dir x/new"); },
              R"(E kelvane_mkdir: /dir x/new; > GET /%2Fdir%20x%2Fnew?action=mkdir| => 200 {"hc":200}
-                > GET /%2Fdir%20x%2Fnew?action=props| => 200 DIR4096; O new; O 1 16877 4096 OTHERS; = 0)"},
+                > GET /%2Fdir%20x%2Fnew?action=props| => 200 DIR4096; O new 1 16877 4096 OTHERS; = 0)"},
             {[] { return kelvane_mkdir("/d", 0); },
              R"(E kelvane_mkdir: /d; > GET /%2Fd?action=mkdir| => 200 {"hc":409}; E   -> cannot overwrite; = -2)"},
             {[] { return kelvane_mkdir("/m", 0); },
              R"(E kelvane_mkdir: /m; > GET /%2Fm?action=mkdir| => 201 {"hc":200}; E   -> FAILED; = -2)"},
             {[] { return show(kelvane_unlink("/a.txt"), "/a.txt"); },
              R"(E kelvane_unlink: /a.txt; > GET /%2Fa.txt?action=unlink| => 204
-                > GET /%2Fa.txt?action=props| => 404 no; O NOTHING; = 0)"},
+                > GET /%2Fa.txt?action=props| => 404 no; O none; = 0)"},
             {[] { return show(kelvane_rmdir("/d"), "/d/old"); },
              R"(E kelvane_rmdir: /d; > GET /%2Fd?action=rmdir| => 200 {"hc":409}
-                > GET /%2Fd?action=props| => 204; O NOTHING; = 0)"},
+                > GET /%2Fd?action=props| => 204; O none; = 0)"},
             {[] { return kelvane_rmdir("/d"); },
              "E kelvane_rmdir: /d; > GET /%2Fd?action=rmdir| => 409; E   -> FAILED; = -2"},
             {[] { return show(show(kelvane_rename("/a.txt", "/dir x/b.txt"), "/a.txt"), "/dir x/b.txt"); },
              R"(E kelvane_rename: /a.txt -> /dir x/b.txt
                 > GET /%2Fa.txt?action=rename&to=%2Fdir%20x%2Fb.txt&replace=1| => 200 {"hc":200}
                 > GET /%2Fa.txt?action=props| => 404; > GET /%2Fdir%20x%2Fb.txt?action=props| => 200 FILE5
-                O NOTHING; O b.txt; O 2 33188 5 OTHERS; = 0)"},
+                O none; O b.txt 2 33188 5 OTHERS; = 0)"},
             {[] { return kelvane_rename("/d/old", ("/" + decomposed).c_str()); },
              R"(E kelvane_rename: /d/old -> /NFD; O DirReadOriginalEncodingPathUnlocked: /NFD; O encoded_path=/NFC
                 E getURL: path: /d/old, query: action=rename&to=%2F%C3%A9&replace=1
@@ -136,12 +136,12 @@ TEST(Calls, Changes) {
                 O getURL: 10 bytes retrieved; E   -> cannot overwrite; = -2)"},
             {[] { return show(kelvane_truncate("/a.txt", 5000000000), "/a.txt"); },
              R"(E kelvane_truncate: /a.txt 5000000000; > GET /%2Fa.txt?action=truncate&offset=5000000000| => 204
-                > GET /%2Fa.txt?action=props| => 200 SOCKET; O a.txt; O 1 49536 9 OTHERS; = 0)"},
+                > GET /%2Fa.txt?action=props| => 200 SOCKET; O a.txt 1 49536 9 OTHERS; = 0)"},
             {[] { return kelvane_truncate("/a.txt", 0); },
              "E kelvane_truncate: /a.txt 0; > GET /%2Fa.txt?action=truncate&offset=0| => 201; E   -> FAILED; = -2"},
             {[] { return show(kelvane_create("/d/c", 0100644, &file) + static_cast<long>(file.fh), "/d/c"); },
              R"(E kelvane_create: /d/c mode: 33188 flags: -5 uid: 65534; > GET /%2Fd%2Fc?action=create&mode=33188| => 500
-                > GET /%2Fd%2Fc?action=props| => 200 FILE5; O c; O 2 33188 5 OTHERS; = -5)"},
+                > GET /%2Fd%2Fc?action=props| => 200 FILE5; O c 2 33188 5 OTHERS; = -5)"},
             {[] { return kelvane_create("/no/c", 0, &file); }, "E kelvane_create: /no/c mode: 0 flags: -5 uid: 65534; "
                                                                "> GET /%2Fno%2Fc?action=create&mode=0| => 200; = 0"},
         });
@@ -158,7 +158,7 @@ TEST(Calls, FilesAndAttributes) {
                   {[] { return readFile(2); }, "...; > GET /%2Fa.txt|Range: bytes=2-5| => 206 cd; O cd??; = 2"},
                   {[] { return readFile(2); }, "...; > GET /%2Fa.txt|Range: bytes=2-5| => 200 abcdefgh; O cdef; = 4"},
                   {[] { return readFile(2); }, "...; > GET /%2Fa.txt|Range: bytes=2-5| => 404 gone; O ne??; = 2"},
-                  {[] { return readFile(2); }, "...; > GET /%2Fa.txt|Range: bytes=2-5| => 416 no; O ????; = 0"},
+                  {[] { return readFile(2); }, "...; > GET /%2Fa.txt|Range: bytes=2-5| => 416 n; O ????; = 0"},
                   {[] {
                        return kelvane_flush("/m", &file) + kelvane_chmod("/a.txt", static_cast<mode_t>(0200600)) +
                               kelvane_setattr_x("/m", nullptr);
@@ -182,11 +182,12 @@ TEST(Calls, FilesAndAttributes) {
                        print(static_cast<long>(volume.f_bsize), volume.f_frsize, volume.f_blocks, volume.f_bfree,
                              volume.f_bavail, volume.f_files + volume.f_ffree + volume.f_favail + volume.f_fsid,
                              volume.f_flag, volume.f_namemax);
+                       DirUpdate("/x"); // a tree that lived on would end it
                        return result;
                    },
                    R"(> GET /?action=statvfs| => 503 {}; > GET /?action=statvfs|
                 => 200 {"bsize":-4,"frsize":2,"blocks":9000000000,"bfree":-1,"bavail":6,"namemax":255}
-                O 7 ; O -4 2 2147483647 4294967295 6 0 2 255 ; = 0)"},
+                O 7; O -4 2 2147483647 4294967295 6 0 2 255; > GET /%2Fx?action=props| => 200 FILE5; = 0)"},
                   {[] {
                        static char disk[] = "Disk (srv)";
                        finderName = disk;
@@ -204,19 +205,16 @@ TEST(Calls, FilesAndAttributes) {
                 E path: /nonexistent/Library/kelvane/mount/srv/Disk; = -4)"},
                   {[] {
                        char value[] = "-------";
-                       DirEntryAddXAttr("/no", "n", "abc", 3);
                        DirEntryAddXAttr("/a.txt", composed.c_str(), "one", 3);
                        DirEntryAddXAttr("/a.txt", decomposed.c_str(), "two", 3);
-                       const int stored = kelvane_getxattr("/a.txt", composed.c_str(), value, 3, 2);
-                       std::puts(value);
+                       kelvane_getxattr("/a.txt", composed.c_str(), value, 3, 2);
                        kelvane_removexattr("/a.txt", composed.c_str());
                        kelvane_listxattr("/a.txt", nullptr, 0);
-                       return stored * 10000 + kelvane_getxattr("/a.txt", decomposed.c_str(), value, 3, 0) * 100 +
-                              kelvane_getxattr("/no", "n", value, 3, 0);
+                       std::puts(value);
+                       return kelvane_getxattr("/a.txt", decomposed.c_str(), value, 3, 0);
                    },
-                   R"(E kelvane_getxattr: /a.txt - NFC (size: 3, pos: 2); O --two--; E kelvane_removexattr: /a.txt - NFC
-                E kelvane_listxattr: /a.txt; E kelvane_getxattr: /a.txt - NFD (size: 3, pos: 0)
-                E kelvane_getxattr: /no - n (size: 3, pos: 0); = 20607)"},
+                   R"(E kelvane_getxattr: /a.txt - NFC (size: 3, pos: 2); E kelvane_removexattr: /a.txt - NFC
+                E kelvane_listxattr: /a.txt; O --two--; E kelvane_getxattr: /a.txt - NFD (size: 3, pos: 0); = -93)"},
                   {[] { return signals_init(), std::raise(SIGPIPE); }, "O settings up signal handlers; = 0"},
               });
 }
@@ -226,7 +224,7 @@ TEST(Calls, WritesInParts) {
         return "; > PUT /%2Fa.txt?action=write&flags=8194&offset=" + offset + "|TYPE" +
                bodyText(data.substr(from, size)) + " => " + reply;
     };
-    const std::string line = "E kelvane_write: path: /a.txt size: ", all = "O a.txt; O 2 33188 5 OTHERS; = ";
+    const std::string line = "E kelvane_write: path: /a.txt size: ", all = "O a.txt 2 33188 5 OTHERS; = ";
     expectRows(
         tree,
         {
@@ -269,9 +267,9 @@ TEST(Calls, FreshCache) {
                 E getURL: path: /NFD, query: (null); O DirReadOriginalEncodingPathUnlocked: NFD; O encoded_path=/NFC
                 E getURL: url: http://HOST/%2F%C3%A9
                 > GET /%2F%C3%A9| => 200 {"entries":[{"n":"in","t":8,"s":3}]}; O getURL: 36 bytes retrieved
-                O in; O 2 0 3 0 0 0 0 0 65534 4321 ; O ; O 1 16877 4096 OTHERS; = 0)"},
-            {slowly([] { return printName(DirGetEntry("/dir/in")->name); }),
-             R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O in; = 0)"},
+                O in 2 0 3 0 0 0 0 0 65534 4321; O  1 16877 4096 OTHERS; = 0)"},
+            {slowly([] { return show(0, "/dir/in"); }),
+             R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O in 2 0 0 0 0 0 0 0 65534 4321; = 0)"},
             {slowly([] { return list("/dir"); }),
              R"(E kelvane_readdir: /dir; > GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O CACHE-DirRead: adding: in; O in 0,; = 0)"},
             {slowly([] { return DirUpdate("/dir/in"), recordsInUse; }),
@@ -283,17 +281,18 @@ TEST(Calls, Cache) {
     expectRows(
         tree,
         {
-            {[] { return clockNow = 1060, show(0, "/d/no"); }, "O NOTHING; = 0"},
+            {[] { return clockNow = 1060, show(0, "/d/no"); }, "O none; = 0"},
             {[] { return clockNow = 1061, show(show(0, "/"), "/a.txt"); },
              R"(> GET /?action=props| => 404 FILE5; > GET /| => 200 oops; O Failed to parse: oops
-                O /; O 1 0 0 0 0 0 0 0 0 0 ; O NOTHING; = 0)"},
-            {[] { return show(DirFetchRemoteDir("/d", DirGetEntry("/d")), "/d/old"); },
-             R"(> GET /%2Fd| => 500 {"entries":[{"n":"b","t":8}]}; O old; O 2 0 0 0 0 0 0 0 65534 4321 ; = 1)"},
+                O / 1 0 0 0 0 0 0 0 0 0; O none; = 0)"},
+            {[] { return show(show(DirFetchRemoteDir("/d", DirGetEntry("/d")), "/d/old"), "/d/b"); },
+             R"(> GET /%2Fd| => 500 {"entries":[{"n":"b","t":8,"m":98304,"nl":65538,"at":-5}]}
+                O old 2 0 0 0 0 0 0 0 65534 4321; O b 2 32768 0 0 2 -5 0 0 65534 4321; = 1)"},
             {[] { return DirEntryAdd(DirGetEntry("/a.txt"), "x", fileType, &noAttributes) == nullptr ? 1 : 0; }, "= 1"},
         });
-    expectRows(
-        "", {{[] { return DirInit(), DirDestroy(), DirDestroy(), DirInit(), show(0, "/"); },
-              "> GET /?action=props| => 200 FILE5; > GET /?action=props| => 404 x; O ; O 1 0 0 0 0 0 0 0 0 0 ; = 0"}});
+    expectRows("",
+               {{[] { return DirInit(), DirDestroy(), DirDestroy(), DirInit(), show(0, "/"); },
+                 "> GET /?action=props| => 200 FILE5; > GET /?action=props| => 404 x; O  1 0 0 0 0 0 0 0 0 0; = 0"}});
 }
 
 TEST(Calls, Names) {
@@ -306,19 +305,20 @@ TEST(Calls, Names) {
                 DirEntryAdd(dir, one.c_str(), fileType, &noAttributes);
             }
             const DirEntry* entry = DirEntryFindChild(dir, name.c_str());
-            const long result = printName(entry != nullptr ? entry->name : nullptr);
+            print(entry != nullptr ? entry->name : "none");
             DirEntryDel(dir, name.c_str());
             const long left = HASH_COUNT(dir->children);
             DirEntryFree(dir);
-            return result + left;
+            return left;
         };
     };
     const auto forms = [](const std::string& text) {
         return [=] {
-            printName(precompose_string(text.c_str()));
-            printName(precompose_string2(text.c_str()));
-            printName(decompose_string(text.c_str()));
-            return printName(decompose_string2(text.c_str()));
+            for (const auto form : {precompose_string, precompose_string2, decompose_string, decompose_string2}) {
+                const char* result = form(text.c_str());
+                print(result != nullptr ? result : "null");
+            }
+            return 0;
         };
     };
     const auto inform = [](const std::string& disk) { return [=] { return ::inform(std::string(disk).data()), 0; }; };
@@ -374,16 +374,16 @@ TEST(Calls, Transport) {
                  print(received, body[2]);
                  std::free(body);
                  body = getURL("/", nullptr, &received, nullptr, nullptr);
-                 print(received, body[0]);
+                 print(received, body);
                  std::free(body);
                  return status;
              },
              std::string(R"(O DirReadOriginalEncodingPathUnlocked: ; > PUT /?q|TYPE => 201 x; O 0 bytes retrieved
                 E getURL: path: , query: ; O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/?
                 > GET /?|A: 1|B: 2| => 500 a)") +
-                 '\0' + R"(b; O getURL: 3 bytes retrieved; O 3 98 
+                 '\0' + R"(b; O getURL: 3 bytes retrieved; O 3 b
                 E getURL: path: /, query: (null); O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/
-                > GET /| => 204; O getURL: 0 bytes retrieved; O 0 0 ; = 500)"},
+                > GET /| => 204; O getURL: 0 bytes retrieved; O 0 ; = 500)"},
             {[] { return checkedCopy(baseURL, sizeof baseURL, "http://127.0.0.1:1/"), list("/"); },
              "...; O CURL error: Couldn't connect to server; exit 1"},
             {[] {
@@ -432,7 +432,7 @@ HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\nTWO
     expect(
         root, listing, "O a 2147483647,.. 2147483647,x 7,; = 0",
         R"(200 {"entries":[{"n":"x","t":8},{"n":"a","t":4,"S":3e9},{"t":4,"s":9},{"n":"..","t":8},{"n":"x","t":8,"s":7}]})");
-    expect(root, listing, "O 388890; = 0", R"(200 {"entries":[MANY{}]})");
+    expect(root, listing, "O 388890 50007; = 0", R"(200 {"entries":[MANY{}]})");
     expect(root, listing, "signal 6", R"(200 {}
 200 []
 200 5
@@ -443,13 +443,13 @@ reset
 SSH-2.0 hello\r\n
 HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nabc
 resetHTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\nTWO)");
-    expect(root, properties, "O 0 65534 4321 ; = 1", "200\n200 TEXTS");
-    expect(root, properties, "O 0 0 0 ; = 0", "403 FILE5\n204\n201 FILE5");
+    expect(root, properties, "O 0 65534 4321; = 1", "200\n200 TEXTS");
+    expect(root, properties, "O 0 0 0; = 0", "403 FILE5\n204\n201 FILE5");
     expect(root, properties, "signal 6", R"(200 [1,2,3]
 200 {"s":1,"b":1,"m":33188,"nl":1,"at":1,"mt":1})");
     expect(root, statistics, "= 0", "200\n500 {}");
     expect(root, statistics, "signal 6", R"(200 {"bsize":"","frsize":{},"blocks":[],"bfree":null,"bavail":""})");
-    expect(tree, write, "O a.txt; O 2 0 0 0 0 0 0 0 65534 4321 ; = 3", "200 stored\n299 DEEP\n200 TEXTS");
+    expect(tree, write, "O a.txt 2 0 0 0 0 0 0 0 65534 4321; = 3", "200 stored\n299 DEEP\n200 TEXTS");
     expect(tree, write, "= -1", "307");
     expect(tree, write, "signal 6", "200 {}");
     expect(tree, write, "E UPLOAD failed due to transfer closed with 8 bytes remaining to read; exit 1",

@@ -1,5 +1,5 @@
-// macOS's attribute and statistics records on Linux: the sources that are compiled behind this header see its names and
-// widths. No record of these goes to a system call.
+// macOS's attribute and statistics records on Linux, as far as they are used: the sources that are compiled behind this
+// header see its names and widths. No record of these goes to a system call.
 #pragma once
 
 #include <cstdint>
@@ -13,15 +13,11 @@ inline int unmount(const char*, int) {
 }
 
 struct darwin_stat {
-    std::int32_t st_dev;
     darwin_mode_t st_mode;
     std::uint16_t st_nlink;
-    std::uint64_t st_ino;
     std::uint32_t st_uid, st_gid;
-    std::int32_t st_rdev;
-    timespec st_atimespec, st_mtimespec, st_ctimespec, st_birthtimespec;
+    timespec st_atim, st_mtim, st_ctim;
     std::int64_t st_size, st_blocks;
-    std::uint32_t st_blksize, st_flags, st_gen, st_spare[5];
 };
 
 struct darwin_statvfs {
@@ -30,12 +26,6 @@ struct darwin_statvfs {
     unsigned long f_fsid, f_flag, f_namemax;
 };
 
-#undef st_atime
-#undef st_mtime
-#undef st_ctime
-#define st_atime st_atimespec.tv_sec
-#define st_mtime st_mtimespec.tv_sec
-#define st_ctime st_ctimespec.tv_sec
 #define mode_t darwin_mode_t
 #define stat darwin_stat
 #define statvfs darwin_statvfs
