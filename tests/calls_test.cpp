@@ -117,6 +117,8 @@ TEST(Calls, Changes) {
             {[] { return show(kelvane_unlink("/a.txt"), "/a.txt"); },
              R"(E kelvane_unlink: /a.txt; > GET /%2Fa.txt?action=unlink| => 204
                 > GET /%2Fa.txt?action=props| => 404 no; O none; = 0)"},
+            {[] { return kelvane_unlink("/d/old"); },
+             R"(...; => 200 {"hc":409}; > GET /%2Fd%2Fold?action=props| => 200 FILE5; = 0)"},
             {[] { return show(kelvane_rmdir("/d"), "/d/old"); },
              R"(E kelvane_rmdir: /d; > GET /%2Fd?action=rmdir| => 200 {"hc":409}
                 > GET /%2Fd?action=props| => 204; O none; = 0)"},
