@@ -171,7 +171,7 @@ TEST(Calls, FilesAndAttributes) {
                   {[] {
                        std::memset(&attributes, 'x', sizeof attributes);
                        return kelvane_getattr("/no", &attributes) *
-                              std::memcmp(&attributes, &noAttributes, sizeof attributes);
+                              (std::memcmp(&attributes, &noAttributes, sizeof attributes) != 0);
                    },
                    "E kelvane_getattr: /no; O No attr for: /no; = 0"},
                   {[] { return list("/a.txt") * 10 + list("/no"); },

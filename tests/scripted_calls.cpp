@@ -90,8 +90,9 @@ void serve(int listener, const std::string& reply) {
     }
     body.resize(std::fread(body.data(), 1, body.size(), incoming));
     note("> ", request + bodyText(body));
-    const linger now = {reply.starts_with("reset") ? 1 : 0, 0};
-    send(connection, reply.data() + 5 * now.l_onoff, reply.size() - 5 * now.l_onoff, MSG_NOSIGNAL);
+    const std::size_t word = reply.starts_with("reset") ? 5 : 0;
+    const linger now = {word > 0 ? 1 : 0, 0};
+    send(connection, reply.data() + word, reply.size() - word, MSG_NOSIGNAL);
     setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     std::fclose(incoming);
 }
