@@ -123,9 +123,10 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
     bool hasRoom = true;
     for (;;) {
         // The library begins with a connection on a thread of its own, a little later.
-        const bool crowded = !hasRoom || countClients() + (handedOver - begun) >= most;
-        if (const std::int64_t time = now(); crowded || time >= nextLook) {
-            endSlowClients(crowded);
+        const bool isFull = countClients() + (handedOver - begun) >= most;
+        const bool crowded = isFull || !hasRoom;
+        if (const std::int64_t time = now(); isFull || time >= nextLook) {
+            endSlowClients(isFull);
             nextLook = time + lookMilliseconds;
             handedOver = begun; // it may have lost some for want of memory
         }

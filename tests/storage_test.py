@@ -82,7 +82,7 @@ SECTIONS = {
         ('200 {"s":6,"b":N,"m":33206,"nl":1,"at":N,"mt":N,"ct":N}' + JSON, [PUT + "3\n\nabc", PUT + "1\n\nZ"],
          "new=\0Z\0abc"),
         ('200 {"s":8,*', [PUT + "6" + CHUNKED + "2\r\nde\r\n0\r\n\r\n"], "new=\0Z\0abcde"),
-        ("100 HTTP/1.1 200*", [PUT + "0" + RAW + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\nxyz"], "new=xyzabcde"),
+        ("*200 *", [PUT + "0" + RAW + "Expect: 100-continue\r\nContent-Length: 3\r\n\r\nxyz"], "new=xyzabcde"),
         ("200 contentHTTP/1.1 200*", ["GET $/d/in HTTP/1.1\r\nHost: @\r\n\r\nGET $/full" + RAW + "\r\n"]),
         ("413 ", [PUT + "0\nContent-Length: 1048577", PUT + "0" + CHUNKED + f"100001\r\nx{MOST}\r\n0\r\n\r\n"]),
         ('200 {"s":1048576,*', [PUT + "0\n\n" + MOST], "new=" + MOST),
@@ -341,7 +341,6 @@ class StorageTest(ServerTest):
 
     def test_shortages(self):
         self.serve("prlimit", "--nofile=200:4096", "--fsize=50000000", STORAGE)
-        before = self.descriptors()
         self.expect("507 ", "/a.txt?action=truncate&offset=50000001")
         self.expect("507 ", "PUT $/a.txt?action=write&flags=1&offset=49999999\n\nxyz")
         # More connections than the first limit on descriptors, each with half a request.
@@ -349,7 +348,6 @@ class StorageTest(ServerTest):
         connections = [self.connection(request[:9]) for _ in range(300)]
         until(lambda: self.descriptors() > len(connections))
         self.expect("200 content")
-        until(lambda: self.descriptors() == before + len(connections))
         # No descriptor is left to open the file with; then there are some again.
         def is_starved():
             resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
