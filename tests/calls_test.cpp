@@ -14,6 +14,7 @@
 #include "kelvane_vfs/transport.h"
 #include "tests/scripted_calls.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>

@@ -6,6 +6,7 @@
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/transport.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
 #include <gtest/gtest.h>
