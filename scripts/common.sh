@@ -7,7 +7,7 @@ build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-open
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
 # clang and its tools in the release's own version.
 test_packages=(libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-dev git rsync sqlite3 openssl
-    ca-certificates gobjc++ libgnustep-base-dev python3)
+    ca-certificates curl gobjc++ libgnustep-base-dev python3)
 soak_packages=(fio stress-ng)
 
 say() { printf '== %s\n' "$*"; }

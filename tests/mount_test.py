@@ -2,7 +2,6 @@
 import contextlib, ctypes, itertools, os, re, signal, threading, unittest
 from programs import STORAGE, UNSHARE, VFS, ServerTest, shell, start, text, until
 
-PR_SET_CHILD_SUBREAPER = 36
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
 # The daemon must not care for a proxy in its environment, nor for a signal that its starter blocks.
 DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "--block-signal=RTMIN", VFS]
@@ -10,13 +9,13 @@ AUTO = ["-f", "-o", "auto_unmount"]
 OTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 OTHER_USER += ["setpriv", "--pdeathsig", "KILL"]  # which a change of user takes back
 
-@unittest.skipUnless(os.access("/dev/fuse", os.R_OK | os.W_OK), "there is no /dev/fuse to use, so nothing can be mounted")
+@unittest.skipUnless(os.access("/dev/fuse", os.R_OK | os.W_OK), "nothing can be mounted: there is no /dev/fuse to use")
 class MountTest(ServerTest):
     def setUp(self):
         super().setUp()
         self.disk = self.scratch + "/disk"
         os.mkdir(self.disk)
-        ctypes.CDLL(None).prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
+        ctypes.CDLL(None).prctl(36, 1)  # PR_SET_CHILD_SUBREAPER: a daemon that goes to the background comes to us
 
     def tearDown(self):
         shell(f"fusermount -u -z {self.disk}")
@@ -61,8 +60,10 @@ class MountTest(ServerTest):
     def test_programs(self):
         local, state = self.scratch + "/local", self.scratch + "/state"
         self.check(f"""mkdir {local} {state} && cp {STORAGE} {state} && echo 'ann:p:w@/' >{state}/users &&
-            chmod 600 {state}/users && chmod 711 {self.scratch} && if [ $(id -u) = 0 ]; then chown -R 65534 {state} {self.tree}; fi""")
-        server = [*OTHER_USER, *"{0}/kelvane_storage --users {0}/users --secret-file {0}/secret --log {0}/log".format(state).split()]
+            chmod 600 {state}/users && chmod 711 {self.scratch} &&
+            if [ $(id -u) = 0 ]; then chown -R 65534 {state} {self.tree}; fi""")
+        options = "--users {0}/users --secret-file {0}/secret --log {0}/log".format(state)
+        server = [*OTHER_USER, state + "/kelvane_storage", *options.split()]
         self.serve(*server)
         url = self.url
         self.url = url.replace("//", "//ann:p%3Aw%40%2F@")
@@ -94,7 +95,8 @@ class MountTest(ServerTest):
         self.check(f"cd {self.disk} && find | wc -l && find -ls | wc -l", ("2401\n2401\n", 0))
         self.check(f"dd if=/dev/zero of={self.disk}/new bs=1M count=1 status=none")
         trace = text(self.disk + ".err")
-        self.assertEqual([len(re.findall(line, trace)) for line in (r"query: \(null\)", "query: action=props", "\nkelvane_write:")], [21, 2, 8])
+        lines = (r"query: \(null\)", "query: action=props", "\nkelvane_write:")
+        self.assertEqual([len(re.findall(line, trace)) for line in lines], [21, 2, 8])
         self.unmount()
 
     def test_spellings(self):
@@ -106,8 +108,8 @@ class MountTest(ServerTest):
                        f"mkdir 'dir {COMPOSED}/sub' && touch 'dir {DECOMPOSED}/sub/f'", f"rm -r 'dir {COMPOSED}/sub'",
                        f"mv 'dir {COMPOSED}' plain", f"rm plain/{COMPOSED}"):
             self.check(f"cd {self.disk} && {change}")
-            self.same(rf"find . -mindepth 1 -type d -print -o -printf '%p %y %s %Ts\n' | sed s/{DECOMPOSED}/{COMPOSED}/g | sort; "
-                      "find . -type f -exec cat {} +", self.tree, self.disk)
+            self.same(rf"find . -mindepth 1 -type d -print -o -printf '%p %y %s %Ts\n' | "
+                      f"sed s/{DECOMPOSED}/{COMPOSED}/g | sort; find . -type f -print0 | xargs -0 cat", self.tree, self.disk)
         self.unmount()
 
     # In whichever way it is stopped, idle or busy: what a write was acknowledged for is on the server.
@@ -117,7 +119,8 @@ class MountTest(ServerTest):
         # ThreadSanitizer holds signals back in a process that was forked off several threads.
         modes = [["-f"], ["-f", "-s"]] + ([["-d"], [], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
         self.serve()
-        for mode, way, is_busy in itertools.product(modes, (0, signal.SIGINT, signal.SIGTERM, signal.SIGHUP), (False, True)):
+        ways = (0, signal.SIGINT, signal.SIGTERM, signal.SIGHUP)  # 0: unmounted
+        for mode, way, is_busy in itertools.product(modes, ways, (False, True)):
             with self.subTest(mode=mode, way=way, is_busy=is_busy):
                 self.stop(mode, way, is_busy)
 
@@ -132,8 +135,9 @@ class MountTest(ServerTest):
         if is_busy:
             # Opened while the disk is there: a write must not go to the folder below it afterwards.
             file = os.open(self.disk + "/file", os.O_CREAT | os.O_WRONLY | os.O_TRUNC)
-            threads = [threading.Thread(target=write, args=[file])] + [threading.Thread(
-                target=shell, args=[f"while ls -lR {self.disk} && cat {self.disk}/file; do :; done >/dev/null"])] * (way > 0)
+            look = f"while ls -lR {self.disk} && cat {self.disk}/file; do :; done >/dev/null"
+            threads = [threading.Thread(target=write, args=[file])]
+            threads += [threading.Thread(target=shell, args=[look])] * (way > 0)
         for thread in threads:
             thread.start()
         until(lambda: acknowledged[0] or not is_busy)
@@ -148,8 +152,9 @@ class MountTest(ServerTest):
             with open(self.tree + "/file", "rb") as file:
                 self.assertTrue(file.read(acknowledged[0]) == written[:acknowledged[0]])
         elif way and "-f" in mode:
-            self.assertRegex(text(self.disk + ".out"), f"handleSignal: {int(way)}\nstopping fuse for mount point {self.disk}\n"
-                "handleSignal: write result = 1\ngot packet from signalHandler, trying to exit...\n(.*\n)*kelvane_vfs exiting\n$")
+            lines = (f"handleSignal: {int(way)}", f"stopping fuse for mount point {self.disk}",
+                     "handleSignal: write result = 1", "got packet from signalHandler, trying to exit...", "(.*\n)*kelvane_vfs exiting\n$")
+            self.assertRegex(text(self.disk + ".out"), "\n".join(lines))
 
     def test_lost_server(self):
         for _ in range(5):
@@ -194,17 +199,16 @@ class MountTest(ServerTest):
         self.unmount()
 
     def test_certificates(self):
-        certificate, key = self.scratch + "/cert.pem", self.scratch + "/key.pem"
-        shell("openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=test "
-              f"-addext subjectAltName=IP:127.0.0.1 -keyout {key} -out {certificate}; seq 200000 >{self.tree}/big")
-        self.serve(STORAGE, "--tls-cert", certificate, "--tls-key", key)
+        self.make_certificate()
+        self.check(f"seq 200000 >{self.tree}/big")
+        self.serve(STORAGE, *"--tls-cert {0}/cert --tls-key {0}/key".format(self.scratch).split())
         self.start(AUTO)
         self.failed("CURL error: SSL peer certificate or SSH remote key was not OK\n")
         # Trusted in a mount namespace of its own, where the certificate stands in the place of the system's list.
         if shell(UNSHARE + " true") != ("", 0):
             self.skipTest("there are no mount namespaces, so no certificate can be made a trusted one")
         self.check(f"""{UNSHARE} sh -ec '
-            mount --bind {certificate} /etc/ssl/certs/ca-certificates.crt
+            mount --bind {self.scratch}/cert /etc/ssl/certs/ca-certificates.crt
             {" ".join(DAEMON)} {self.url} disk -f {self.disk} >/dev/null 2>&1 &
             until mountpoint -q {self.disk}; do sleep 0.05; done
             cmp {self.tree}/big {self.disk}/big; cp {self.disk}/big {self.disk}/copy; umount {self.disk}; wait $!

@@ -46,5 +46,9 @@ class ServerTest(unittest.TestCase):
             self.assertEqual(self.server.wait(), status, text(self.scratch + "/server.err"))
             self.server = None
 
+    def make_certificate(self):
+        self.check(f"cd {self.scratch} && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+                   "-days 2 -subj /CN=test -addext subjectAltName=IP:127.0.0.1 -keyout key -out cert 2>/dev/null")
+
     def check(self, command, expected=("", 0)):
         self.assertEqual(shell(command), expected, command)

@@ -6,14 +6,15 @@ mkdir -p src/sub/empty 'src/sub/Ünï 名前/deep er' && echo one >src/a && seq 
 cp -a src copied && cp -p src/a copied/p && ls -R copied
 rsync -a src/ synced && rsync -ai --size-only src/ synced | grep '^>'; diff -r src synced
 mkdir untarred && tar cf - -C src . | tar xf - -C untarred && diff -r src untarred
-dd if=src/sub/b of=odd bs=777 seek=3 count=300 status=none; dd if=src/sub/b of=odd bs=1000 seek=7 count=9 conv=notrunc status=none
-md5sum odd; truncate -s 300001 odd; md5sum odd; tail -c +299990 odd | od -c; truncate -s 10 odd; od -c odd; truncate -s 0 odd; wc -c odd
+dd if=src/sub/b of=odd bs=777 seek=3 count=300 status=none
+dd if=src/sub/b of=odd bs=1000 seek=7 count=9 conv=notrunc status=none
+md5sum odd; truncate -s 300001 odd; md5sum odd; tail -c +299990 odd | od; truncate -s 9 odd; od -c odd; : >odd; cat odd
 echo one >>log; echo two >>log; cat log; stat -c %s log
 echo saved >doc && echo newer >.doc.swp && mv .doc.swp doc && cat doc && ls -A
 exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; while ls -A | grep -q hidden; do sleep 0.1; done; ls -A
 mkdir -p é/ü/ñ && echo x >é/ü/ñ/ø && mv é/ü z && cat z/ñ/ø && ls -R é z && rm -r é z
-sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; select * from t; pragma integrity_check'
-git init -q repo && cp -r src/sub src/a repo && (cd repo && git add . && git commit -qm first && git fsck && git log --stat)
+sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; select a from t; vacuum'
+git init -q repo && cp -r src/* repo && (cd repo && git add . && git commit -qm one && git fsck && git log --stat)
 git clone -q repo cloned && diff -r --exclude=.git repo cloned && echo cloned
 chmod 600 copied/a && chown "$(id -u):$(id -g)" copied/a && touch -d 2001-01-01 copied/a && echo accepted
 mkdir copied; rm none; mv none other; cat copied; cat none src/a/none; rmdir copied/a; mkdir none/m; ls -la none
