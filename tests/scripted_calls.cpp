@@ -74,6 +74,15 @@ FILE* noteStream(const char* tag) {
     return stream;
 }
 
+std::string http(const std::string& reply) {
+    if (reply.empty() || std::isdigit(reply[0]) == 0) {
+        return reply;
+    }
+    const std::string body = reply.substr(std::min<std::size_t>(reply.size(), 4));
+    const std::string size = reply.starts_with("204") ? "" : "\r\nContent-Length: " + std::to_string(body.size());
+    return "HTTP/1.1 " + reply.substr(0, 3) + " OK\r\nConnection: close" + size + "\r\n\r\n" + body;
+}
+
 // Takes one request and answers it; a reply that begins with "reset" has the connection reset.
 void serve(int listener, const std::string& reply) {
     const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
@@ -135,7 +144,7 @@ std::string textOf(std::size_t start, const std::function<long()>& call, const S
     }
     pollfd waits[] = {{listener, POLLIN, 0}, {static_cast<int>(syscall(SYS_pidfd_open, process, 0)), POLLIN, 0}};
     for (std::size_t i = 0; poll(waits, 2, -1) > 0 && waits[0].revents != 0; ++i) {
-        serve(listener, i < replies.size() ? replies[i] : "");
+        serve(listener, i < replies.size() ? http(replies[i]) : "");
     }
     int status = 0;
     waitpid(process, &status, 0);
@@ -147,45 +156,18 @@ std::string textOf(std::size_t start, const std::function<long()>& call, const S
     return text;
 }
 
-std::string http(const std::string& reply) {
-    if (reply.empty() || std::isdigit(reply[0]) == 0) {
-        return reply;
-    }
-    const std::string body = reply.substr(std::min<std::size_t>(reply.size(), 4));
-    const std::string size = reply.starts_with("204") ? "" : "\r\nContent-Length: " + std::to_string(body.size());
-    return "HTTP/1.1 " + reply.substr(0, 3) + " OK\r\nConnection: close" + size + "\r\n\r\n" + body;
-}
-
 bool isPlumbing(const std::string& line) {
     const auto starts = [&](const char* start) { return line.starts_with(start); };
     return starts("E getURL: ") || starts("O getURL: ") || starts("O DirReadOriginal") || starts("O encoded_path=") ||
            (starts("O ") && line.ends_with(" bytes retrieved"));
 }
 
-void expectRow(const Strings& start, const std::function<long()>& call, const Strings& fields) {
-    Strings replies;
-    std::transform(start.begin(), start.end(), std::back_inserter(replies), http);
-    std::string expected, text;
-    bool plumbing = false;
-    for (std::string field : fields) {
-        field.erase(0, field.find_first_not_of(' '));
-        const std::size_t arrow = field.find("=> ");
-        if (arrow != std::string::npos) {
-            replies.push_back(http(field.substr(arrow + 3)));
-        }
-        if (arrow != 0) {
-            expected += (expected.empty() ? "" : "\n") + field.substr(0, arrow - (arrow != std::string::npos));
-        }
-        plumbing = plumbing || isPlumbing(field);
+Strings fieldsOf(std::string text) {
+    replaceAll(text, "\n", "; ");
+    for (const auto& [word, meaning] : words) {
+        replaceAll(text, word, meaning);
     }
-    expected += fields.back().starts_with("exit ") || fields.back().starts_with("signal ") ? "" : "\nexit 0";
-    for (const std::string& line : split(textOf(start.size(), call, replies), "\n")) {
-        text += plumbing || !isPlumbing(line) ? (text.empty() ? "" : "\n") + line : "";
-    }
-    if (expected.starts_with("...\n") && ("\n" + text).ends_with(expected.substr(3))) {
-        text = expected;
-    }
-    EXPECT_EQ(text, expected);
+    return text.empty() ? Strings() : split(text, "; ");
 }
 
 } // namespace
@@ -196,16 +178,27 @@ std::string transcript() {
     return text;
 }
 
-void expectRows(const std::string& start, const std::vector<Row>& rows) {
-    const auto fieldsOf = [](std::string text) {
-        replaceAll(text, "\n", "; ");
-        for (const auto& [word, meaning] : words) {
-            replaceAll(text, word, meaning);
+void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row) {
+    Strings replies = fieldsOf(start);
+    const std::size_t taken = replies.size();
+    std::string expected, text;
+    bool plumbing = false, ends = true;
+    for (std::string field : fieldsOf(row)) {
+        field.erase(0, field.find_first_not_of(' '));
+        const std::size_t arrow = std::min(field.find("=> "), field.size());
+        if (arrow < field.size()) {
+            replies.push_back(field.substr(arrow + 3));
         }
-        return split(text, "; ");
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
-        expectRow(start.empty() ? Strings() : fieldsOf(start), row.call, fieldsOf(row.text));
+        expected += arrow == 0 ? "" : "\n" + field.substr(0, arrow - (arrow < field.size() ? 1 : 0));
+        plumbing = plumbing || isPlumbing(field);
+        ends = field.starts_with("exit ") || field.starts_with("signal ");
     }
+    expected += ends ? "" : "\nexit 0";
+    for (const std::string& line : split(textOf(taken, call, replies), "\n")) {
+        text += plumbing || !isPlumbing(line) ? "\n" + line : "";
+    }
+    if (expected.starts_with("\n...\n") && text.ends_with(expected.substr(4))) {
+        text = expected;
+    }
+    EXPECT_EQ(text, expected) << row;
 }

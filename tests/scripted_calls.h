@@ -14,19 +14,13 @@
 #include <functional>
 #include <map>
 #include <string>
-#include <vector>
-
-struct Row {
-    std::function<long()> call;
-    std::string text;
-};
 
 extern std::map<std::string, std::string> words;
 std::string bodyText(const std::string& body);
 
-// `start` answers, in fields, what comes before each row: nothing (there is no cache then), the request for the root's
+// `start` answers, in fields, what comes before the call: nothing (there is no cache then), the request for the root's
 // attributes, or also those for the listings of "/", "/d" and "/dir x".
-void expectRows(const std::string& start, const std::vector<Row>& rows);
+void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row);
 
 // In the child: the clock, which moves on by `clockStep` seconds with each look at it; what has happened so far.
 extern time_t clockNow, clockStep;

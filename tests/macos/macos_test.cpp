@@ -83,16 +83,13 @@ TEST(Platform, RunsAndRegisters) {
         char* argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(), arguments[3].data()};
         return kelvane_main(4, argv);
     };
-    expectRows(
-        "",
-        {
-            {inform(""), "START; O allocator favourites; O list last url; O release item; O release list; = 0"},
-            {inform("item"), "START; O allocator favourites; O list last url; O release list; = 0"},
-            {inform("list"), "START; O allocator favourites; = 0"},
-            {inform("url"), "START; = 0"},
-            {run,
-             R"(O thread started, pipe ready; O kelvane_vfs starting; O Disk (srv) /mnt 464; O settings up signal handlers
-                > GET /?action=props| => 404; E kelvane_getattr: /a; > GET /| => 200 {"entries":[{"n":"a","t":8}]}
-                E kelvane_setattr_x: /a; O got packet from signalHandler, trying to exit...; O kelvane_vfs exiting; = 1)"},
-        });
+    expectRow("", inform(""), "START; O allocator favourites; O list last url; O release item; O release list; = 0");
+    expectRow("", inform("item"), "START; O allocator favourites; O list last url; O release list; = 0");
+    expectRow("", inform("list"), "START; O allocator favourites; = 0");
+    expectRow("", inform("url"), "START; = 0");
+    expectRow(
+        "", run,
+        R"(O thread started, pipe ready; O kelvane_vfs starting; O Disk (srv) /mnt 464; O settings up signal handlers
+                 > GET /?action=props| => 404; E kelvane_getattr: /a; > GET /| => 200 {"entries":[{"n":"a","t":8}]}
+                 E kelvane_setattr_x: /a; O got packet from signalHandler, trying to exit...; O kelvane_vfs exiting; = 1)");
 }
