@@ -205,6 +205,8 @@ class StorageTest(ServerTest):
 
     def test_localhost(self):
         self.section("--listen localhost")
+        for host in ("127.0.0.1", "::1") if os.path.exists("/proc/net/if_inet6") else ("127.0.0.1",):
+            socket.create_connection((host, urllib.parse.urlsplit(self.url).port)).close()
 
     def test_access_with_secret(self):
         self.section("--host disk.example")
