@@ -153,7 +153,8 @@ class MountTest(ServerTest):
                 self.assertTrue(file.read(acknowledged[0]) == written[:acknowledged[0]])
         elif way and "-f" in mode:
             lines = (f"handleSignal: {int(way)}", f"stopping fuse for mount point {self.disk}",
-                     "handleSignal: write result = 1", "got packet from signalHandler, trying to exit...", "(.*\n)*kelvane_vfs exiting\n$")
+                     "handleSignal: write result = 1", "got packet from signalHandler, trying to exit...",
+                     "(.*\n)*kelvane_vfs exiting\n$")
             self.assertRegex(text(self.disk + ".out"), "\n".join(lines))
 
     def test_lost_server(self):
