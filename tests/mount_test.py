@@ -162,6 +162,9 @@ class MountTest(ServerTest):
             self.serve()
             os.truncate(os.open(self.tree + "/big", os.O_CREAT | os.O_WRONLY), 1 << 30)
             self.mount(AUTO)
+            # The kernel closes the highest number first, and a disk that lives on longer would stay.
+            held = f"/proc/{self.daemon.pid}/fd/"
+            self.assertEqual(os.readlink(held + max(os.listdir(held), key=int)), "/dev/fuse")
             reader = start(["cat", self.disk + "/big"], self.scratch + "/reader")
             until(lambda: os.path.getsize(self.scratch + "/reader.out"))
             self.server.kill()
