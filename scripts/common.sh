@@ -6,7 +6,7 @@ logs=$top/build/logs
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
 # clang and its tools in the release's own version.
-test_packages=(libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-dev git rsync sqlite3 openssl curl
+test_packages=(libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-dev git rsync sqlite3 openssl
     ca-certificates curl gobjc++ libgnustep-base-dev python3)
 soak_packages=(fio stress-ng)
 
