@@ -12,12 +12,8 @@
 #include <cstring>
 #include <string>
 
-namespace {
-
-std::string body;
-std::jmp_buf aborted;
-
-} // namespace
+static std::string body;
+static std::jmp_buf aborted;
 
 // In the place of the transport and of abort() (linked with --wrap).
 char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long*) asm("__wrap__Z6getURLPKcS0_PmPcPl");

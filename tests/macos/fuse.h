@@ -18,24 +18,17 @@ struct fuse_file_info {
 };
 
 struct fuse_operations {
-    int (*getattr)(const char*, struct stat*);
-    int (*mkdir)(const char*, mode_t);
-    int (*unlink)(const char*);
-    int (*rmdir)(const char*);
-    int (*rename)(const char*, const char*);
-    int (*chmod)(const char*, mode_t);
-    int (*truncate)(const char*, off_t);
-    int (*open)(const char*, struct fuse_file_info*);
+    int (*getattr)(const char*, struct stat*), (*mkdir)(const char*, mode_t), (*unlink)(const char*);
+    int (*rmdir)(const char*), (*rename)(const char*, const char*), (*chmod)(const char*, mode_t);
+    int (*truncate)(const char*, off_t), (*open)(const char*, struct fuse_file_info*);
     int (*read)(const char*, char*, std::size_t, off_t, struct fuse_file_info*);
     int (*write)(const char*, const char*, std::size_t, off_t, struct fuse_file_info*);
-    int (*statfs)(const char*, struct statvfs*);
-    int (*flush)(const char*, struct fuse_file_info*);
+    int (*statfs)(const char*, struct statvfs*), (*flush)(const char*, struct fuse_file_info*);
     int (*getxattr)(const char*, const char*, char*, std::size_t, std::uint32_t);
     int (*readdir)(const char*, void*, fuse_fill_dir_t, off_t, struct fuse_file_info*);
     void* (*init)(struct fuse_conn_info*);
     void (*destroy)(void*);
-    int (*create)(const char*, mode_t, struct fuse_file_info*);
-    int (*setattr_x)(const char*, struct setattr_x*);
+    int (*create)(const char*, mode_t, struct fuse_file_info*), (*setattr_x)(const char*, struct setattr_x*);
     void* others[40];
 };
 

@@ -2,16 +2,12 @@
 // test stands in for them.
 #pragma once
 
-using Boolean = unsigned char;
-using UInt8 = unsigned char;
-using CFIndex = long;
-using CFTypeRef = const void*;
-using CFURLRef = const char*;
-using LSSharedFileListRef = const char*;
-using LSSharedFileListItemRef = const char*;
-constexpr const char* kCFAllocatorDefault = "allocator";
+typedef unsigned char Boolean, UInt8;
+typedef long CFIndex;
+typedef const void* CFTypeRef;
+typedef const char *CFURLRef, *LSSharedFileListRef, *LSSharedFileListItemRef;
+constexpr const char *kCFAllocatorDefault = "allocator", *kLSSharedFileListItemLast = "last";
 constexpr const char* kLSSharedFileListFavoriteVolumes = "favourites";
-constexpr const char* kLSSharedFileListItemLast = "last";
 
 extern "C" {
 CFURLRef CFURLCreateFromFileSystemRepresentation(const char* allocator, const UInt8* path, CFIndex length, Boolean);
