@@ -2,6 +2,7 @@
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 logs=$top/build/logs
+export LC_ALL=C.UTF-8
 
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
