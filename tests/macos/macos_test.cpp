@@ -75,7 +75,8 @@ int fuse_main_real(int argc, char* argv[], const struct fuse_operations* table, 
 
 TEST(Platform, RunsAndRegisters) {
     const std::string path = words["/nonexistent"] + "/Library/kelvane/mount/storage/Documents";
-    const auto inform = [] { return prints = true, ::inform(strdup("Documents (storage)")), 0; };
+    static char name[] = "Documents (storage)";
+    const auto inform = [] { return prints = true, ::inform(name), 0; };
     const auto run = [] {
         std::string arguments[] = {"kelvane_vfs", baseURL, "Disk (srv)", "/mnt"};
         char* argv[] = {arguments[0].data(), arguments[1].data(), arguments[2].data(), arguments[3].data()};
