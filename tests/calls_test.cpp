@@ -10,6 +10,7 @@
 #include "kelvane_vfs/operations.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/protocol.h"
+#include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/stop_path.h"
 #include "kelvane_vfs/transport.h"
 #include "tests/scripted_calls.h"
@@ -379,8 +380,8 @@ HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\nTWO
     expect(root, listing, "O 388890 50007; = 0", R"(200 {"entries":[MANY{}]})");
     expect(root, listing, "signal 6",
            R"(200 []
-200 {"entries":[{"n":"x"}]}
 200 {"entries":[{"n":"x","t":8},{"n":"LONG","t":8}]})");
+    expect(root, listing, "E The service's reply lacks the member \"t\".; signal 6", R"(200 {"entries":[{"n":"x"}]})");
     expect(root, listing, "exit 1",
            R"(reset
 SSH-2.0 hello\r\n
@@ -401,4 +402,8 @@ resetHTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\nTWO)");
     expect(
         tree, [] { return readFile(0); }, "O CURL error: Transferred a partial file; exit 1",
         R"(HTTP/1.1 206 OK\r\nContent-Length: 9\r\n\r\n{)");
+    const auto twice = [] {
+        return parseReply("x") == nullptr && parseReply("{}") != nullptr ? parseReply("{}")->type : 0;
+    };
+    expectRow("", twice, "signal 6");
 }

@@ -1,10 +1,11 @@
 """The daemon and the server as their users run them: real processes, a real mount, real programs."""
 import contextlib, ctypes, itertools, os, re, signal, threading, unittest
-from programs import STORAGE, UNSHARE, VFS, ServerTest, shell, start, text, until
+from programs import STORAGE, TOP, UNSHARE, VFS, ServerTest, shell, start, text, until
 
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
-# The daemon must not care for a proxy in its environment, nor for a signal that its starter blocks.
-DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "--block-signal=RTMIN", VFS]
+# The daemon must not care for what its environment says, nor for a signal that its starter blocks.
+DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "FUSE_THREAD_STACK=16384",
+          "--block-signal=RTMIN", VFS]
 AUTO = ["-f", "-o", "auto_unmount"]
 OTHER_USER = ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 OTHER_USER += ["setpriv", "--pdeathsig", "KILL"]  # which a change of user takes back
@@ -27,11 +28,11 @@ class MountTest(ServerTest):
         except OSError:
             return True
 
-    def start(self, options):
-        self.daemon = start([*DAEMON, self.url, "Documents (storage)", *options, self.disk], self.disk)
+    def start(self, options, *starter):
+        self.daemon = start([*starter, *DAEMON, self.url, "Documents (storage)", *options, self.disk], self.disk)
 
-    def mount(self, options=("-f",)):
-        self.start(options)
+    def mount(self, options=("-f",), *starter):
+        self.start(options, *starter)
         if "-f" not in options and "-d" not in options:  # it goes to the background
             self.assertEqual(self.daemon.wait(), 0)
             self.daemon.pid = int(text("/proc/thread-self/children").split()[-1])
@@ -156,6 +157,42 @@ class MountTest(ServerTest):
                      "handleSignal: write result = 1", "got packet from signalHandler, trying to exit...",
                      "(.*\n)*kelvane_vfs exiting\n$")
             self.assertRegex(text(self.disk + ".out"), "\n".join(lines))
+
+    # A server that takes requests and answers none: the first signal cannot end the loop.
+    def test_stops_twice(self):
+        # As above; and the library's threads are left where they are.
+        modes = [["-f"], ["-f", "-s"], AUTO] + ([[], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
+        os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"
+        for mode in modes:
+            with self.subTest(mode=mode):
+                self.serve()
+                self.mount(mode)
+                self.server.send_signal(signal.SIGSTOP)
+                reader = start(["ls", self.disk + "/folder"], self.scratch + "/reader")
+                port = int(re.search(r":(\d+)/", self.url)[1])
+                until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))  # not taken yet
+                for way in signal.SIGINT, signal.SIGTERM:
+                    os.kill(self.daemon.pid, way)
+                self.ended(1)
+                self.assertNotEqual(reader.wait(), 0)
+                self.server.send_signal(signal.SIGCONT)
+                self.end_server()
+
+    def test_closed_streams(self):
+        self.serve()
+        self.mount(["-f"], "sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh")
+        self.check(f"echo text >{self.disk}/file && cat {self.disk}/file", ("text\n", 0))
+        self.unmount()
+
+    def test_what_is_wrong(self):
+        shell(f"printf 'me:secret\\n' >{self.scratch}/users; chmod 600 {self.scratch}/users")
+        self.serve(STORAGE, "--no-secret", "--users", self.scratch + "/users")
+        for url, words, status in (
+                (self.url.replace("//", "//me:secret@"), "", 0), (self.url, "401: wrong name or password", 78),
+                (self.url.replace("//", "//me:secret@") + "x/", "404: wrong base URL", 78),
+                (self.url.rstrip("/"), "needs a slash", 78), ("http://127.0.0.1:9/", "no connection to ", 75)):
+            said, ended = shell(f"printf %s '{url}' | {TOP}/packaging/kelvane_check")
+            self.assertEqual((words in said, "secret" in said, ended), (True, False, status), said)
 
     def test_lost_server(self):
         for _ in range(5):

@@ -101,6 +101,8 @@ SECTIONS = {
         ('200 {"hc":200}', ["/new?action=rename&to=%2Fb%26c", "/b%26c?action=rename&to=a.txt&replace=1"], "a.txt=xx"),
         # Names in another spelling than the directory's.
         ("204 ", [f"/{DECOMPOSED}?action=create&mode=33188"], DECOMPOSED),
+        ("204 ", ["/%EA%B0%80%E1%86%A7?action=create&mode=33188", "/%E1%84%80%E1%85%A1%E1%86%A7?action=truncate&offset=1"],
+         "\xea\xb0\x80\xe1\x86\xa7=\0"),
         ('200 {"hc":409}', [f"/{DECOMPOSED}?action=mkdir"], DECOMPOSED),
         ('200 {"hc":200}', [f"/a.txt?action=rename&to={DECOMPOSED}&replace=1"], "\xc3\xa9=xx"),
         ('200 {"hc":200}', [f"/{DECOMPOSED}?action={act}" for act in ("rename&to=a.txt", "mkdir")], "a.txt=xx"),
