@@ -341,9 +341,9 @@ class StorageTest(ServerTest):
 
     def test_crowd(self):
         self.serve("prlimit", "--nofile=60", STORAGE)
-        crowd = [self.connection(b"GET") for _ in range(12)]
+        for _ in range(12):
+            self.connection(b"GET")
         self.expect("200 content")
-        self.assertTrue(crowd)
 
     def test_shortages(self):
         self.serve("prlimit", "--nofile=200:4096", "--fsize=50000000", STORAGE)
