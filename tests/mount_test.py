@@ -1,5 +1,5 @@
 """The daemon and the server as their users run them: real processes, a real mount, real programs."""
-import contextlib, ctypes, itertools, os, re, signal, threading, unittest
+import contextlib, ctypes, itertools, os, re, signal, threading, time, unittest
 from programs import STORAGE, TOP, UNSHARE, VFS, ServerTest, shell, start, text, until
 
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
@@ -99,6 +99,21 @@ class MountTest(ServerTest):
         lines = (r"query: \(null\)", "query: action=props", "\nkelvane_write:")
         self.assertEqual([len(re.findall(line, trace)) for line in lines], [21, 2, 8])
         self.unmount()
+
+    def test_read_ahead_fits_the_distance(self):
+        for options, far in ((), range(2432, 8193)), (("-o", "max_readahead=65536"), [64]):
+            self.serve()
+            self.server.send_signal(signal.SIGSTOP)
+            self.start(["-f", *options])
+            until(lambda: "getURL: url" in text(self.disk + ".err"))
+            time.sleep(0.02)  # the first request takes at least this long
+            self.server.send_signal(signal.SIGCONT)
+            until(lambda: self.is_mounted() and os.access(self.disk + "/.", os.F_OK))
+            device = os.stat(self.disk).st_dev
+            setting = f"/sys/class/bdi/{os.major(device)}:{os.minor(device)}/read_ahead_kb"
+            self.assertIn(int(text(setting)), far if os.access(setting, os.W_OK) or options else [128])
+            self.unmount()
+            self.end_server()
 
     def test_spellings(self):
         self.check(f"cd {self.tree} && echo old >{COMPOSED} && mkdir 'dir {DECOMPOSED}'")
