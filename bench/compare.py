@@ -1,6 +1,7 @@
 """Measures the daemon beside what a user would mount instead: every workload on a fresh mount, the systems taking
 turns. Started by bench/compare, which installs and builds what this needs."""
 import argparse
+import concurrent.futures
 import contextlib
 import itertools
 import json
@@ -20,17 +21,20 @@ import systems
 from systems import SYSTEMS, mounted, tool, urls
 
 BLOCK = 131072
-FILE_SIZE = 256 << 20
-READERS = 8
-RANDOM_READS = 1000
+PARALLEL = 8
 STATS = 10000
-CHANGES = 500
 SMALL_REQUESTS = 2000
+# How much is done near, and where every request takes its time.
+NEAR = {"read": 256 << 20, "random": 1000, "write": 256 << 20, "changes": 500, "folders": 100, "files": 100}
+FAR = {"read": 64 << 20, "random": 20, "write": 8 << 20, "changes": 10, "folders": 20, "files": 50}
 SCALES = (25000, 50000, 100000, 200000)
 SLOW = 8  # seconds of a turn
 
 data = None  # what all servers serve
+amount = NEAR
 results = {}
+block = os.urandom(BLOCK)  # what is written, in pieces as long as those of cp
+stored = {}  # metric -> whether all of it was on the server when the last call returned
 changes_made = {}  # metric -> requests that the daemon makes for it
 programs = {}  # system -> files of its programs and of those that measure it
 slow = set()  # (workload, system) that took longer than SLOW
@@ -40,27 +44,71 @@ def say(text):
     print(text, file=sys.stderr, flush=True)
 
 
-def load(*words):
-    done = subprocess.run([tool("load"), *map(str, words)], stdout=subprocess.PIPE, check=True)
-    return float(done.stdout)
+def output_of(*command, **options):
+    """The lines that a command prints."""
+    return subprocess.run(command, stdout=subprocess.PIPE, check=True, text=True, **options).stdout.splitlines()
+
+
+def timed(work, *words):
+    start = time.perf_counter()
+    work(*words)
+    return time.perf_counter() - start
+
+
+def fio(files, kind, *options):
+    """Seconds that fio takes for the files, each in a thread of its own."""
+    lines = output_of("fio", "--name=load", f"--filename_format={files}", f"--rw={kind}", "--thread", "--fadvise_hint=0", *options,
+                      "--group_reporting", "--verify_state_save=0", "--output-format=json")
+    return json.loads("".join(lines))["jobs"][0]["read"]["runtime"] / 1000
+
+
+def note_stored(metric, sizes):
+    """Looks at what the server has of the files that were written; sizes by name."""
+    stored[metric] = {entry.name: entry.stat().st_size for entry in os.scandir(data / "work")} == sizes
+
+
+def write_file(path, size):
+    with open(path, "wb", buffering=0) as file:
+        for position in range(0, size, BLOCK):
+            file.write(block[:size - position])
+
+
+def create(folder, count, size=4096):
+    for i in range(count):
+        write_file(folder / f"f{i}", size)
+
+
+def rename(folder, count):
+    for i in range(count):
+        os.rename(folder / f"f{i}", folder / f"r{i}")
+
+
+def remove(folder, count):
+    for i in range(count):
+        os.unlink(folder / f"r{i}")
 
 
 def curl(requests, good=(200, 204, 206)):
-    """Plain libcurl on one handle; `good` are the statuses that the last request may have."""
-    done = subprocess.run([tool("curl_loop")], input="\n".join(requests), stdout=subprocess.PIPE, text=True, check=True)
-    seconds, status = done.stdout.split()
-    if requests and int(status) not in good:
-        raise RuntimeError(f"status {status} for {requests[-1]}")
-    return float(seconds)
+    """Seconds that curl takes, over one connection; `good` are the statuses that the last request may have."""
+    blocks = []
+    for method, url, last in (f"{request} ".split(" ", 2) for request in requests):
+        body = systems.work / f"body{last.strip()}"
+        if method == "PUT" and not body.exists():
+            body.write_bytes(bytes(int(last)))
+        blocks.append(f'url = "{url}"\noutput = /dev/null\nwrite-out = "%{{time_total}} %{{http_code}}\\n"\n' + (
+            f'upload-file = {body}\nheader = "Content-Type: application/octetstream"\nexpect100-timeout = 0.001\n'
+            if method == "PUT" else f"range = {last.strip()}\n" if last.strip() else ""))
+    lines = [line.split() for line in output_of("curl", "-q", "-sS", "-K", "-", input="next\n".join(blocks))] if blocks else []
+    if lines and int(lines[-1][1]) not in good:
+        raise RuntimeError(f"status {lines[-1][1]} for {requests[-1]}")
+    return sum(float(seconds) for seconds, _ in lines)
 
 
 # Workloads: each gets the folder of a mount, or None for plain libcurl, and gives seconds by metric.
 
 
 def find(folder):
-    start = time.perf_counter()
-    subprocess.run(["find", folder, "-ls"], stdout=subprocess.DEVNULL, check=True)
-    return time.perf_counter() - start
+    return timed(lambda: subprocess.run(["find", folder, "-ls"], stdout=subprocess.DEVNULL, check=True))
 
 
 def find_twice(folder):
@@ -72,35 +120,49 @@ def large_directory(folder):
 
 
 def warm_stat(folder):
-    load("stat", folder / "tree" / "d0", 100)
-    return {"stat": load("stat", folder / "tree" / "d0", STATS)}
+    paths = [folder / "tree" / "d0" / f"f{i}" for i in range(amount["files"])]
+    stat = lambda count: [os.stat(paths[i % len(paths)]) for i in range(count)]
+    stat(len(paths))
+    return {"stat": timed(stat, STATS)}
 
 
 def read_ranges(size, block):
     return [f"GET {urls['storage']}data/big {first}-{first + block - 1}" for first in range(0, size, block)]
 
 
-def sequential_read(folder):
-    return {"read": load("read", folder / "data" / "big") if folder else curl(read_ranges(FILE_SIZE, BLOCK))}
+def sequential_read(folder, *options):
+    if not folder:
+        return {"read": curl(read_ranges(amount["read"], BLOCK))}
+    return {"read": fio(folder / "data" / "big", "read", "--bs=128k", *options)}
 
 
-def eight_readers(folder):
-    return {"readers": load("read", *[folder / "data" / f"f{i}" for i in range(READERS)])}
+def parallel_readers(folder, *options):
+    return {"readers": fio(folder / "data" / "f$jobnum", "read", "--bs=128k", f"--numjobs={PARALLEL}", *options)}
 
 
-def random_reads(folder):
-    if folder:
-        return {"random": load("random", folder / "data" / "big", RANDOM_READS)}
-    # The server has the file in memory; the places do not matter to it.
-    return {"random": curl(read_ranges(RANDOM_READS * 4096, 4096))}
+def random_reads(folder, *options):
+    if not folder:
+        # The server has the file in memory; the places do not matter to it.
+        return {"random": curl(read_ranges(amount["random"] * 4096, 4096))}
+    return {"random": fio(folder / "data" / "big", "randread", "--bs=4k", f"--number_ios={amount['random']}", *options)}
 
 
 def sequential_write(folder):
     if folder:
-        return {"write": load("write", folder / "work" / "big", FILE_SIZE >> 20)}
+        seconds = timed(write_file, folder / "work" / "big", amount["write"])
+        note_stored("write", {"big": amount["write"]})
+        return {"write": seconds}
     (data / "work" / "big").touch()
     return {"write": curl([f"PUT {urls['storage']}work/big?action=write&flags=1&offset={offset} {BLOCK}"
-                           for offset in range(0, FILE_SIZE, BLOCK)])}
+                           for offset in range(0, amount["write"], BLOCK)])}
+
+
+def parallel_writers(folder):
+    sizes = {f"f{i}": amount["write"] // PARALLEL for i in range(PARALLEL)}
+    with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
+        seconds = timed(lambda: list(pool.map(lambda name: write_file(folder / "work" / name, sizes[name]), sizes)))
+    note_stored("writers", sizes)
+    return {"writers": seconds}
 
 
 def changes(folder):
@@ -108,8 +170,13 @@ def changes(folder):
         # A removal ends with the question whether the file is still there.
         seconds = {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
         return {**seconds, **small_requests(None)}
-    return {"create": load("create", folder / "work", CHANGES, 4096), "rename": load("rename", folder / "work", CHANGES),
-            "remove": load("remove", folder / "work", CHANGES)}
+    count = amount["changes"]
+    seconds = {}
+    for work, left in ((create, "f"), (rename, "r"), (remove, None)):
+        seconds[work.__name__] = timed(work, folder / "work", count)
+        note_stored(work.__name__, {f"{left}{i}": 4096 for i in range(count)} if left else {})
+    stored["remove"] &= stored["rename"]
+    return seconds
 
 
 def small_requests(_):
@@ -122,16 +189,20 @@ def growth(count):
 
 
 ALTERNATIVES = ("rclone", "davfs2", "sshfs")
-MOUNTS = ("kelvane", "kelvane -s", *ALTERNATIVES, "pass-through")
+MOUNTS = ("kelvane", "before", "kelvane -s", *ALTERNATIVES, "pass-through")
+NEAR_SYSTEMS = ("kelvane -s", "pass-through", "curl")
+FAR_WORKLOADS = ("start", "find", "read", "readers", "random", "write", "writers", "changes")
+PACKAGES = ("rclone", "davfs2", "sshfs", "nginx-light", "openssh-server", "fio")
 WORKLOADS = {  # name: (what it does, systems)
     "start": (lambda _: {}, MOUNTS),
     "find": (find_twice, MOUNTS),
     "large": (large_directory, MOUNTS),
     "stat": (warm_stat, tuple(name for name in MOUNTS if name != "davfs2")),  # davfs2 has no such option
     "read": (sequential_read, (*MOUNTS, "curl")),
-    "readers": (eight_readers, MOUNTS),
+    "readers": (parallel_readers, MOUNTS),
     "random": (random_reads, (*MOUNTS, "curl")),
     "write": (sequential_write, (*MOUNTS, "rclone-writes", "curl")),
+    "writers": (parallel_writers, (*MOUNTS, "rclone-writes")),
     "changes": (changes, (*MOUNTS, "rclone-writes", "curl")),
     "small": (small_requests, ("curl",)),
     **{f"growth-{count}": (growth(count), ("kelvane",)) for count in SCALES},
@@ -144,12 +215,12 @@ def traced_requests():
         return changes_made
     log = systems.work / "trace"
     with mounted("kelvane", log=log) as (folder, _, _):
-        for metric, words in {"create": (CHANGES, 4096), "rename": (CHANGES,), "remove": (CHANGES,)}.items():
+        for work in (create, rename, remove):
             before = log.stat().st_size
-            load(metric, folder / "work", *words)
+            work(folder / "work", amount["changes"])
             trace = log.read_text()[before:]
             pattern = r"^getURL: url: (\S+)|^kelvane_write: path: /(\S+) size: (\d+) offset: (\d+)"
-            changes_made[metric] = [
+            changes_made[work.__name__] = [
                 f"GET {url}" if url else f"PUT {urls['storage']}{path}?action=write&flags=1&offset={offset} {size}"
                 for url, path, size, offset in re.findall(pattern, trace, re.M)]
     results["requests"] = {metric: len(requests) for metric, requests in changes_made.items()}
@@ -167,19 +238,17 @@ def make_data(names):
     clear_work()
     for name in ("data", "tree"):
         (data / name).mkdir()
-    block = os.urandom(1 << 20)
-    sizes = {"big": FILE_SIZE >> 20, **{f"f{i}": FILE_SIZE // READERS >> 20 for i in range(READERS)}}
-    for name, mebibytes in sizes.items():
-        with open(data / "data" / name, "wb") as file:
-            file.writelines(itertools.repeat(block, mebibytes))
+    lay = ("--verify=crc32c", "--verify_interval=4096", "--do_verify=0", "--bs=1M")
+    fio(data / "data" / "big", "write", f"--size={amount['read']}", *lay)
+    fio(data / "data" / "f$jobnum", "write", f"--size={amount['read'] // PARALLEL}", f"--numjobs={PARALLEL}", *lay)
     (data / "data" / "small").write_bytes(block[:90])
-    for i in range(100):
+    for i in range(amount["folders"]):
         (data / "tree" / f"d{i}").mkdir()
-        load("create", data / "tree" / f"d{i}", 100, 1)
+        create(data / "tree" / f"d{i}", amount["files"], 1)
     for count in SCALES:
         if f"growth-{count}" in names or count == 50000 and "large" in names:
             (data / f"entries{count}").mkdir()
-            load("create", data / f"entries{count}", count, 0)
+            create(data / f"entries{count}", count, 0)
 
 
 def drop_caches(system):
@@ -198,6 +267,7 @@ def measure(workload, system):
     """One turn of one system; gives what to show as progress."""
     run = WORKLOADS[workload][0]
     clear_work()
+    stored.clear()
     if system == "curl":
         seconds = run(None)
     else:
@@ -209,12 +279,16 @@ def measure(workload, system):
             seconds = run(folder)
             if workload == "start":
                 seconds = {"start": first}
-            if workload == "write":
-                written = data / "work" / "big"
-                add("stored", workload, system, written.exists() and written.stat().st_size == FILE_SIZE)
             cpu, peak, resident = systems.usage(process)
             for table, value in (("cpu", cpu - before), ("peak", peak), ("resident", resident)):
                 add(table, workload, system, value)
+        # After the unmounting, when what was on its way has arrived.
+        for path in (data / "work").iterdir():
+            content = path.read_bytes()
+            if content != (block * (len(content) // len(block) + 1))[:len(content)]:
+                raise RuntimeError(f"wrong content in {path.name}")
+        for metric, good in stored.items():
+            add("stored", metric, system, good)
     for metric, value in seconds.items():
         if value:
             add("seconds", metric, system, value)
@@ -222,7 +296,8 @@ def measure(workload, system):
 
 
 def probe(wanted):
-    """Those that can be mounted here."""
+    """Those that can be mounted here, and read what is on the server."""
+    check = ("--verify=crc32c", "--verify_interval=4096", "--verify_fatal=1", f"--size={4 << 20}")
     usable = []
     for system in wanted:
         command, server = SYSTEMS[system]
@@ -230,20 +305,26 @@ def probe(wanted):
             if server is not None and server not in urls:
                 raise RuntimeError(f"{server} is not there")
             if command is not None:
-                with mounted(system) as (_, process, _):
-                    programs[system] = systems.files_in_use(process) | {shutil.which("find"), tool("load")}
+                with mounted(system) as (folder, process, _):
+                    programs[system] = systems.files_in_use(process) | {shutil.which("find"), shutil.which("fio")}
+                    for read in (sequential_read, parallel_readers, random_reads):
+                        read(folder, *check)
             usable.append(system)
-        except (OSError, RuntimeError) as error:
+        except (OSError, RuntimeError, subprocess.SubprocessError) as error:
             say(f"without {system}: {error}")
             results.setdefault("without", []).append(system)
     return usable
 
 
-def machine(rounds):
+def machine(rounds, rtt):
+    versions = output_of(tool("kelvane_vfs"), "--version")
+    with contextlib.suppress(OSError, subprocess.SubprocessError):
+        versions += output_of("dpkg-query", "-W", "-f", "${Package} ${Version}\n", *PACKAGES)
     cpu = re.search(r"model name\s*:\s*(.*)", pathlib.Path("/proc/cpuinfo").read_text())
     return {"cpu": cpu[1] if cpu else platform.machine(), "cores": os.cpu_count(), "kernel": platform.release(),
             "dropped": os.access("/proc/sys/vm/drop_caches", os.W_OK), "rounds": rounds,
-            "load": os.getloadavg()[0]}
+            "load": os.getloadavg()[0], "rtt": rtt, "date": time.strftime("%-d %B %Y"),
+            "versions": versions}
 
 
 def turn_of(workload, system):
@@ -261,8 +342,8 @@ def turn_of(workload, system):
     return f"{system} {shown}"
 
 
-def run_all(names, wanted, rounds):
-    results.update({"machine": machine(rounds), "seconds": {}, "changes": CHANGES, "small requests": SMALL_REQUESTS})
+def run_all(names, wanted, rounds, rtt):
+    results.update({"machine": machine(rounds, rtt), "seconds": {}, "amount": amount, "small requests": SMALL_REQUESTS})
     usable = probe(wanted)
     # The sizes of the growing directory take turns as well.
     for _, group in itertools.groupby(names, lambda name: name.split("-")[0]):
@@ -285,19 +366,25 @@ def chosen(text, known, what):
 
 
 def main():
-    global data
+    global data, amount
     parser = argparse.ArgumentParser(prog="bench/compare", description=__doc__)
     parser.add_argument("--rounds", type=int, default=5, help="turns of each system at each workload")
     parser.add_argument("--only", metavar="WORKLOAD,..", help=", ".join(WORKLOADS))
     parser.add_argument("--systems", metavar="SYSTEM,..", help=", ".join(SYSTEMS))
+    parser.add_argument("--rtt", type=float, metavar="MS", default=0,
+                        help="hold every byte back for half of this each way; does less, and only what a network changes")
+    parser.add_argument("--before", metavar="PROGRAM", help="an earlier kelvane_vfs, measured as well")
     parser.add_argument("--quick", action="store_true", help="one round, without the largest directories")
-    parser.add_argument("--output", type=pathlib.Path, help="folder of the results (build/bench/results)")
+    parser.add_argument("--output", type=pathlib.Path, metavar="DIRECTORY", help="of the results (build/bench/results)")
     parser.add_argument("--write-docs", action="store_true", help="renew docs/performance.md and its chart")
     parser.add_argument("--judge", action="store_true", help=argparse.SUPPRESS)  # only the arguments
     parser.add_argument("--build", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
     args = parser.parse_args()
-    names = chosen(args.only, WORKLOADS, "workload")
-    wanted = chosen(args.systems, SYSTEMS, "system")
+    if args.rtt:
+        amount = FAR
+    names = chosen(args.only, {name: None for name in WORKLOADS if name in FAR_WORKLOADS or not args.rtt}, "workload")
+    wanted = [name for name in chosen(args.systems, SYSTEMS, "system") if (name != "before" or args.before) and
+              (name not in NEAR_SYSTEMS or not args.rtt)]
     if args.quick:
         names = [name for name in names if name not in ("growth-100000", "growth-200000")]
     if args.judge:
@@ -311,12 +398,12 @@ def main():
     work.chmod(0o711)
     data = work / "served"
     data.mkdir()
-    systems.build, systems.work, systems.data = args.build, work, data
+    systems.build, systems.work, systems.data, systems.before = args.build, work, data, args.before
     try:
         with contextlib.ExitStack() as stack:
             make_data(names)
-            systems.start_servers(stack, say)
-            run_all(names, wanted, 1 if args.quick else args.rounds)
+            systems.start_servers(stack, say, args.rtt)
+            run_all(names, wanted, 1 if args.quick else args.rounds, args.rtt)
     finally:
         # Never through a mount that would not go away.
         subprocess.run(["rm", "-rf", "--one-file-system", work])

@@ -6,21 +6,22 @@ import statistics
 
 TITLES = {  # by metric: what is timed
     "start": "start to first listing",
-    "cold find": "cold `find -ls`, 10,000 files",
-    "warm find": "warm `find -ls`, 10,000 files",
-    "large": "cold `find -ls`, 50,000 entries in one folder",
+    "cold find": "cold `find -ls`, {all_files:,} files",
+    "warm find": "warm `find -ls`, {all_files:,} files",
+    "large": "cold `find -ls`, 50,000 entries in one directory",
     "stat": "10,000 `stat`, kernel caching off",
-    "read": "sequential read, 256 MiB",
-    "readers": "8 readers at once, 32 MiB each",
-    "random": "1,000 random reads of 4 KiB",
-    "write": "sequential write, 256 MiB, to the end of `close`",
-    "create": "500 files of 4 KiB created",
-    "rename": "500 renames",
-    "remove": "500 removals",
+    "read": "sequential read, {read} MiB",
+    "readers": "8 readers at once, {reader} MiB each",
+    "random": "{random:,} random reads of 4 KiB",
+    "write": "sequential write, {write} MiB",
+    "writers": "8 writers at once, {writer} MiB each",
+    "create": "{changes} files of 4 KiB created",
+    "rename": "{changes} renames",
+    "remove": "{changes} removals",
 }
 LIMITS = ("pass-through", "curl")
-COLOURS = {"kelvane": "#1b6ca8", "kelvane -s": "#7fb2d9", "rclone": "#d1495b", "rclone-writes": "#e8a0a9",
-           "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3", "curl": "#44475a"}
+COLOURS = {"kelvane": "#1b6ca8", "before": "#b0c4d8", "kelvane -s": "#7fb2d9", "rclone": "#d1495b",
+           "rclone-writes": "#e8a0a9", "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3", "curl": "#44475a"}
 MEBIBYTE = 1 << 20
 
 
@@ -59,43 +60,48 @@ def systems_of(results):
     return [system for system in COLOURS if any(system in row for row in results["seconds"].values())]
 
 
+def title(results, metric):
+    amount = results["amount"]
+    read, write = (amount[what] // MEBIBYTE for what in ("read", "write"))
+    return TITLES[metric].format(all_files=amount["folders"] * amount["files"], read=read, reader=read // 8, write=write,
+                                 writer=write // 8, random=amount["random"], changes=amount["changes"])
+
+
+def mark(results, metric, system):
+    """A star where not everything was on the server when the last call returned."""
+    return "" if all(results.get("stored", {}).get(metric, {}).get(system, [])) else "\\*"
+
+
 def times_table(results):
     systems = systems_of(results)
     rows = []
-    for metric, title in TITLES.items():
-        if metric not in results["seconds"]:
-            continue
-        row = [title]
+    for metric in filter(results["seconds"].__contains__, TITLES):
+        row = [title(results, metric)]
         for system in systems:
             samples = results["seconds"][metric].get(system)
             own = paired(results, (metric, system), (metric, "kelvane"))
             row.append("" if not samples else
                        f"{milliseconds(statistics.median(samples))} ({milliseconds(min(samples))}–"
-                       f"{milliseconds(max(samples))})" + (f" **{own:.2f}**" if own and system != "kelvane" else ""))
+                       f"{milliseconds(max(samples))}){mark(results, metric, system)}"
+                       + (f" **{own:.2f}**" if own and system != "kelvane" else ""))
         rows.append(row)
     return table(["milliseconds", *systems], rows)
 
 
 def usage_table(results):
     systems = [system for system in systems_of(results) if system != "curl"]
-    rows = []
-    for workload, by_system in results.get("cpu", {}).items():
-        cells = [f"{middle(results, 'cpu', workload, system):.2f} s, "
-                 f"{middle(results, 'peak', workload, system) / MEBIBYTE:.0f} MiB" if system in by_system else ""
-                 for system in systems]
-        rows.append([workload, *cells])
-    return table(["CPU time, peak memory", *systems], rows)
+    mebibytes = lambda *of: f"{middle(results, *of) / MEBIBYTE:.0f}"
+    cell = lambda *of: f"{middle(results, 'cpu', *of):.2f} s, {mebibytes('resident', *of)} / {mebibytes('peak', *of)} MiB"
+    rows = [[workload, *(cell(workload, system) if system in by_system else "" for system in systems)]
+            for workload, by_system in results.get("cpu", {}).items()]
+    return table(["CPU time, memory: resident afterwards / peak", *systems], rows)
 
 
 def best(results, metric, only=lambda system: True):
     """The name of the fastest alternative."""
     times = {system: seconds(results, metric, system) for system in results["seconds"].get(metric, {})
-             if not system.startswith("kelvane") and system not in LIMITS and only(system)}
+             if not system.startswith("kelvane") and system not in (*LIMITS, "before") and only(system)}
     return min(times, key=times.get, default="")
-
-
-def stored_at_close(results):
-    return {system: all(samples) for system, samples in results.get("stored", {}).get("write", {}).items()}
 
 
 def goals(results):
@@ -113,6 +119,14 @@ def goals(results):
         name = best(results, metric, only)
         goal(f"{metric} : best alternative{note} ({name})", beside(metric, name), operator, 1)
 
+    rtt = results["machine"]["rtt"]
+    if rtt:
+        for metric, operator, limit in (("read", ">=", 6 if rtt < 50 else 8), ("write", ">=", 1.8)):
+            goal(f"{metric}, speed : the build before", ratio(1, beside(metric, "before")), operator, limit)
+        goal("create : the build before", beside("create", "before"), "<=", 0.8)
+        for metric in ("read", "cold find", "create"):
+            goal(f"{metric} : sshfs", beside(metric, "sshfs"), "<", 1)
+        return rows
     for metric, limit in (("cold find", 1.1), ("warm find", 1.0), ("stat", 1.05)):
         goal(f"{metric} : pass-through", beside(metric, "pass-through"), "<=", limit)
     beside_best("large", "<")
@@ -125,12 +139,11 @@ def goals(results):
     beside_best("read", "<")
     beside_best("readers", "<=")
     goal("sequential write, speed : curl", ratio(1, beside("write", "curl")), ">=", 0.8)
-    stored = stored_at_close(results)
-    beside_best("write", "<", lambda system: stored.get(system, False), " with the data stored at close")
+    beside_best("write", "<", lambda system: not mark(results, "write", system), " with the data stored at close")
     samples = lambda metric, system: results["seconds"].get(metric, {}).get(system, [])
     for metric, requests in results.get("requests", {}).items():
         for what, metric_of_curl, portion in (
-                (f"{requests / results['changes']:.2g} small requests", "small storage", requests / results["small requests"]),
+                (f"{requests / results['amount']['changes']:.2g} small requests", "small storage", requests / results["small requests"]),
                 ("the same requests by curl", metric, 1)):
             beyond = [(own - base) / (portion * plain) for own, base, plain in zip(
                 samples(metric, "kelvane"), samples(metric, "pass-through"), samples(metric_of_curl, "curl"))]
@@ -155,25 +168,17 @@ def goals_table(results):
 
 def notes(results):
     machine = results["machine"]
-    lines = [f"{machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; {machine['rounds']} rounds; "
-             f"load average at the start {machine['load']:.1f}. "
-             "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster."]
+    lines = [f"{machine['date']}: {machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; "
+             f"{machine['rounds']} rounds; load average at the start {machine['load']:.1f}. {', '.join(machine['versions'])}.",
+             "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster. "
+             "\\*: not everything was on the server when the last call returned."]
     if not machine["dropped"]:
         lines.append("The kernel's caches could not be dropped.")
     for system in results.get("without", []):
         lines.append(f"{system} could not be started and is left out.")
     for workload, systems in results.get("failed", {}).items():
         lines.append(f"{', '.join(sorted(set(systems)))} failed at {workload}.")
-    stored = stored_at_close(results)
-    if stored:
-        lines.append("All of the file on the server when `close` returned: "
-                     + ", ".join(f"{system} {'yes' if good else 'no'}" for system, good in stored.items()) + ".")
     return "\n".join(f"- {line}" for line in lines) + "\n"
-
-
-def markdown(results):
-    parts = [notes(results), times_table(results), goals_table(results), usage_table(results)]
-    return "\n".join(part for part in parts if part)
 
 
 def chart(results):
@@ -188,14 +193,18 @@ def chart(results):
     for metric in metrics:
         shown = [system for system in systems if seconds(results, metric, system)]
         shapes.append(f'<text x="{left - 40}" y="{y + bar * len(shown) / 2 + 4:.0f}" text-anchor="end">'
-                      f"{TITLES[metric].replace('`', '')}</text>")
+                      f"{title(results, metric).replace('`', '')}</text>")
         for system in shown:
             value = paired(results, (metric, system), (metric, "kelvane"))
             start, end = sorted((place(1), place(value)))
             shapes.append(f'<rect x="{start:.1f}" y="{y}" width="{max(end - start, 1):.1f}" height="{bar - 1}" '
                           f'fill="{COLOURS[system]}"/>')
             side, anchor = (end + 4, "start") if value >= 1 else (start - 4, "end")
-            shapes.append(f'<text x="{side:.1f}" y="{y + bar - 2}" font-size="9" text-anchor="{anchor}">{value:.2f}</text>')
+            if not low <= value <= high:
+                torn = end - 12 if value > 1 else start + 6
+                shapes.append(f'<path d="M{torn:.1f} {y + bar}l6 {-bar - 1}" stroke="white" stroke-width="4"/>')
+            shapes.append(f'<text x="{side:.1f}" y="{y + bar - 2}" font-size="9" text-anchor="{anchor}">{value:.2f}'
+                          f"{mark(results, metric, system)[1:]}</text>")
             y += bar
         y += gap
     for tick in (0.125, 0.25, 0.5, 1, 2, 4, 8, 16):
@@ -207,20 +216,27 @@ def chart(results):
                       f'<text x="{left - 45 + index * 108}" y="34">{system}</text>')
     return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {left + width + 60} {y + 6}" '
             'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" fill="white"/>\n'
-            '<text x="10" y="18" font-size="14">Time relative to kelvane_vfs: right of 1× kelvane_vfs is faster</text>\n'
+            f'<text x="10" y="18" font-size="14">Time relative to kelvane_vfs, {place_of(results)}: right of 1× kelvane_vfs '
+            'is faster; a bar with a gap is cut; *: not all of it had arrived</text>\n'
             + "\n".join(shapes) + "\n</svg>\n")
 
 
+def place_of(results):
+    return f"{results['machine']['rtt']:g} ms away" if results["machine"]["rtt"] else "near"
+
+
 def write(results, output, docs):
-    text = markdown(results)
-    output.mkdir(parents=True, exist_ok=True)
+    texts = {"results": notes(results) + "\n" + times_table(results),
+             "goals": goals_table(results) + "\n" + usage_table(results)}
+    place = place_of(results)
+    chart_name = "performance.svg" if place == "near" else f"performance-{place.split()[0]}ms.svg"
+    for folder in filter(None, (output, docs)):
+        folder.mkdir(parents=True, exist_ok=True)
+        (folder / chart_name).write_text(chart(results))
     (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
-    (output / "results.md").write_text(text)
-    (output / "results.svg").write_text(chart(results))
-    print(text)
-    print(f"results: {output}")
-    if docs:
-        page = docs / "performance.md"
-        page.write_text(re.sub(r"(<!-- results -->\n).*(<!-- end of results -->)", lambda found: found[1] + text + found[2],
-                               page.read_text(), flags=re.S))
-        (docs / "performance.svg").write_text(chart(results))
+    (output / "results.md").write_text("\n".join(texts.values()))
+    print(*texts.values(), f"results: {output}", sep="\n")
+    page = (docs or output) / "performance.md"
+    for what, text in texts.items() if docs else ():
+        page.write_text(re.sub(rf"(<!-- {what}: {place} -->\n).*?(<!-- end -->)",
+                               lambda found: found[1] + text + found[2], page.read_text(), flags=re.S))

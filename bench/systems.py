@@ -15,6 +15,7 @@ import time
 build = None  # folder of the programs that are built here
 work = None  # everything that a run makes lies below this folder
 data = None  # what all servers serve
+before = None  # an earlier daemon
 urls = {}  # server -> where it serves
 mount_numbers = itertools.count()
 
@@ -162,9 +163,8 @@ PermitRootLogin yes
 AuthorizedKeysFile {folder}/user.pub
 Subsystem sftp internal-sftp
 """)
-    urls["sshd"] = f"127.0.0.1:{data}"
+    urls["sshd"] = f"127.0.0.1:{port}"
     (folder / "ssh_config").write_text(f"""
-Port {port}
 IdentityFile {folder}/user
 StrictHostKeyChecking no
 UserKnownHostsFile /dev/null
@@ -187,7 +187,16 @@ def wait_for_port(port):
     raise RuntimeError(f"nothing listens on port {port}")
 
 
-def start_servers(stack, say):
+def hold_back(stack, milliseconds):
+    """Puts every server behind a relay that makes it distant."""
+    ports = {name: re.search(r"127\.0\.0\.1:(\d+)", url)[1] for name, url in urls.items()}
+    relay = launch([tool("relay"), milliseconds, *ports.values()], None, stdout=subprocess.PIPE, text=True)
+    stack.callback(stop, relay)
+    for name, port in ports.items():
+        urls[name] = urls[name].replace(f":{port}", f":{relay.stdout.readline().split()[1]}", 1)
+
+
+def start_servers(stack, say, rtt):
     if os.getuid() == 0 and not os.path.isdir("/run/sshd"):
         os.mkdir("/run/sshd", 0o755)
         stack.callback(os.rmdir, "/run/sshd")
@@ -204,6 +213,9 @@ def start_servers(stack, say):
         except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
             say(f"without {name}: {error}")
             urls.pop(name, None)
+    if rtt:
+        with shielded():
+            hold_back(stack, rtt)
 
 
 # Systems: the command lines of mounts. `uncached` asks the kernel not to trust attributes and names.
@@ -213,8 +225,12 @@ def timeouts(uncached):
     return ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
 
 
+def kelvane_of(program, point, uncached, *options):
+    return [program, urls["storage"], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
+
+
 def kelvane(point, uncached, *options):
-    return [tool("kelvane_vfs"), urls["storage"], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
+    return kelvane_of(tool("kelvane_vfs"), point, uncached, *options)
 
 
 def pass_through(point, uncached):
@@ -239,11 +255,13 @@ def davfs2(point, _):
 
 
 def sshfs(point, uncached):
-    return ["sshfs", "-f", "-F", work / "sshd" / "ssh_config", urls["sshd"], point, *timeouts(uncached)]
+    host, port = urls["sshd"].split(":")
+    return ["sshfs", "-f", "-F", work / "sshd" / "ssh_config", "-p", port, f"{host}:{data}", point, *timeouts(uncached)]
 
 
 SYSTEMS = {  # name: (command line of a mount, server)
     "kelvane": (kelvane, "storage"),
+    "before": (lambda *where: kelvane_of(before, *where), "storage"),
     "kelvane -s": (lambda *where: kelvane(*where, "-s"), "storage"),
     "rclone": (rclone, "nginx"),
     "rclone-writes": (lambda *where: rclone(*where, "writes"), "nginx"),
@@ -276,12 +294,14 @@ def mounted(system, uncached=False, log=None):
     """A fresh mount; gives its folder, the process that holds it and the seconds to its first listing."""
     point = work / "mounts" / str(next(mount_numbers))
     point.mkdir(parents=True)
-    with open(log or os.devnull if system.startswith("kelvane") else work / f"{system}.log", "w") as errors:
+    is_ours = system in ("kelvane", "kelvane -s", "before")
+    with open(log or os.devnull if is_ours else work / f"{system}.log", "w") as errors:
         command = SYSTEMS[system][0](point, uncached)
         process = None
         try:
             with shielded():
-                process = launch([tool("load"), "mount", point, *command], errors, stdout=subprocess.PIPE, text=True)
+                process = launch([sys.executable, pathlib.Path(__file__).with_name("hold.py"), point, *command], errors,
+                                 stdout=subprocess.PIPE, text=True)
             ready, _, _ = select.select([process.stdout], [], [], 30)
             line = process.stdout.readline() if ready else ""
             if not line:
