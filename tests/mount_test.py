@@ -183,6 +183,7 @@ class MountTest(ServerTest):
                 self.serve()
                 self.mount(mode)
                 self.server.send_signal(signal.SIGSTOP)
+                os.waitpid(self.server.pid, os.WUNTRACED)  # it may take one more request on its way
                 reader = start(["ls", self.disk + "/folder"], self.scratch + "/reader")
                 port = int(re.search(r":(\d+)/", self.url)[1])
                 until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))  # not taken yet
