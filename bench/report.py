@@ -121,9 +121,10 @@ def goals(results):
 
     rtt = results["machine"]["rtt"]
     if rtt:
-        for metric, operator, limit in (("read", ">=", 6 if rtt < 50 else 8), ("write", ">=", 1.8)):
-            goal(f"{metric}, speed : the build before", ratio(1, beside(metric, "before")), operator, limit)
-        goal("create : the build before", beside("create", "before"), "<=", 0.8)
+        if rtt >= 20:
+            goal("read, speed : the build before", ratio(1, beside("read", "before")), ">=", 6 if rtt < 100 else 8)
+            goal("write, speed : the build before", ratio(1, beside("write", "before")), ">=", 1.8)
+            goal("create : the build before", beside("create", "before"), "<=", 0.8)
         for metric in ("read", "cold find", "create"):
             goal(f"{metric} : sshfs", beside(metric, "sshfs"), "<", 1)
         return rows
