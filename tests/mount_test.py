@@ -103,7 +103,7 @@ class MountTest(ServerTest):
     def test_read_ahead_fits_the_distance(self):
         for options, far in ((), range(2432, 8193)), (("-o", "max_readahead=65536"), [64]):
             self.serve()
-            self.server.send_signal(signal.SIGSTOP)
+            self.freeze()
             self.start(["-f", *options])
             until(lambda: "getURL: url" in text(self.disk + ".err"))
             time.sleep(0.02)  # the first request takes at least this long
@@ -182,8 +182,7 @@ class MountTest(ServerTest):
             with self.subTest(mode=mode):
                 self.serve()
                 self.mount(mode)
-                self.server.send_signal(signal.SIGSTOP)
-                os.waitpid(self.server.pid, os.WUNTRACED)  # it may take one more request on its way
+                self.freeze()
                 reader = start(["ls", self.disk + "/folder"], self.scratch + "/reader")
                 port = int(re.search(r":(\d+)/", self.url)[1])
                 until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))  # not taken yet
@@ -191,7 +190,6 @@ class MountTest(ServerTest):
                     os.kill(self.daemon.pid, way)
                 self.ended(1)
                 self.assertNotEqual(reader.wait(), 0)
-                self.server.send_signal(signal.SIGCONT)
                 self.end_server()
 
     def test_closed_streams(self):
@@ -232,7 +230,7 @@ class MountTest(ServerTest):
         self.check(f"echo content >{self.tree}/file")
         self.serve()
         self.mount()
-        os.kill(self.server.pid, signal.SIGSTOP)
+        self.freeze()
         outer = start([STORAGE, self.scratch], self.scratch + "/outer")
         until(lambda: text(self.scratch + "/outer.out").endswith("\n"))
         url = text(self.scratch + "/outer.out").strip()

@@ -1,6 +1,6 @@
 """What the tests of the programs share: child processes that end with the test, and a served directory. Nothing here
 looks at a clock: a test that hangs is ended by ctest, and its children end with it."""
-import os, shutil, subprocess, tempfile, time, unittest
+import os, shutil, signal, subprocess, tempfile, time, unittest
 
 STORAGE, VFS = (os.path.join(os.environ["KELVANE_BIN"], name) for name in ("kelvane_storage", "kelvane_vfs"))
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
@@ -40,9 +40,14 @@ class ServerTest(unittest.TestCase):
         until(lambda: text(self.scratch + "/server.out").endswith("\n"))
         self.url = text(self.scratch + "/server.out").rstrip("\n")
 
+    def freeze(self):
+        self.server.send_signal(signal.SIGSTOP)
+        os.waitpid(self.server.pid, os.WUNTRACED)  # it may take one more request on its way
+
     def end_server(self, status=0):
         if self.server:
             self.server.terminate()
+            self.server.send_signal(signal.SIGCONT)
             self.assertEqual(self.server.wait(), status, text(self.scratch + "/server.err"))
             self.server = None
 
