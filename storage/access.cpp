@@ -53,7 +53,7 @@ bool isAddress(int family, std::string_view text) {
     return inet_pton(family, std::string(text).c_str(), address) == 1;
 }
 
-// A page that has its own name lead to this machine calls the server by that name.
+// The owner of a web page can make a host name lead to this machine. Requests from the page then carry that name.
 bool isOwnHost(const AccessOptions& options, std::string_view host) {
     const std::size_t colon = host.rfind(':');
     if (colon != std::string_view::npos && host.find_first_not_of("0123456789", colon + 1) == std::string_view::npos) {

@@ -1,4 +1,4 @@
-// Who may do what: browsers are sent away, everybody else has to know the secret, or a name and its password.
+// Who may do what: browsers are refused, everybody else has to know the secret, or a name and its password.
 #pragma once
 
 #include <microhttpd.h>
@@ -20,7 +20,7 @@ struct Visitor {
 };
 
 // Judges a request by its request line's target as it arrived and by its headers, before anything is opened: 0 and who
-// sent it, or the HTTP status that refuses it. What it says does not depend on how much of the secret was right.
+// sent it, or the HTTP status that refuses it. The answer does not depend on how much of the secret was right.
 unsigned admit(MHD_Connection* connection, const AccessOptions& options, std::string_view text, Visitor& visitor);
 
 // The functions below return an empty text, or what is wrong in words.

@@ -19,21 +19,21 @@ using Clock = std::chrono::steady_clock;
 
 constexpr int listenBacklog = 1024;
 constexpr std::int64_t headerMilliseconds = 30000;
-// While connections wait for room, a header that has not come within this time gives its connection up to them.
+// While other connections wait, one whose header has not come within this time is closed to make room.
 constexpr std::int64_t crowdedMilliseconds = 1000;
 constexpr int lookMilliseconds = 1000;
 constexpr int crowdedLookMilliseconds = 50;
 
 struct Client {
     int socket;
-    // Milliseconds of the clock: positive, the end of the time that the client has; 0, it may take its time; negative,
-    // since when it has sent nothing of another request.
+    // Milliseconds of the clock. Positive: when the client's time is over. 0: it has no limit. Negative: its next
+    // request has not begun yet; the number without its sign is the time when it could begin.
     std::atomic<std::int64_t> due;
 };
 
 std::mutex clientsMutex;
 std::set<Client*> clients;       // guarded by clientsMutex
-std::atomic<unsigned> begun = 0; // connections that the library has begun with, ever
+std::atomic<unsigned> begun = 0; // connections that the library has begun with since the start
 
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
@@ -128,7 +128,7 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
         if (const std::int64_t time = now(); isFull || time >= nextLook) {
             endSlowClients(isFull);
             nextLook = time + lookMilliseconds;
-            handedOver = begun; // it may have lost some for want of memory
+            handedOver = begun; // the library may have dropped some for lack of memory
         }
         hasRoom = true;
         if (poll(waited.data(), crowded ? 1 : waited.size(), crowded ? crowdedLookMilliseconds : lookMilliseconds) <=

@@ -19,8 +19,8 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
 // The library calls it when a connection begins and when it ends.
 void onConnection(void*, MHD_Connection* connection, void** context, MHD_ConnectionNotificationCode code);
 
-// A client has limited time for the header of a request, and for a body that will be refused: it has sent the one,
-// begins to send the other, has its response.
+// A client has limited time to send the header of a request, or a body that will be refused. These are called when the
+// header has arrived, when such a body begins, and when the response was sent.
 void headerArrived(MHD_Connection* connection);
 void awaitRefusedBody(MHD_Connection* connection);
 void awaitNextHeader(MHD_Connection* connection);

@@ -4,5 +4,5 @@
 #include <microhttpd.h>
 #include <string>
 
-// Answers with what is at `path`, or with the status of what stands in the way.
+// Answers with what is at `path`, or with the status of the error.
 MHD_Result sendContents(MHD_Connection* connection, const std::string& path);

@@ -210,7 +210,7 @@ std::vector<sockaddr_storage> resolveAddresses(const Arguments& arguments) {
     return addresses;
 }
 
-// What an address that other machines reach still needs; empty if nothing.
+// What is still missing to listen on an address that other machines reach; empty if nothing.
 std::string missingOffLoopback(const Arguments& arguments) {
     if (!arguments.hasSecret && arguments.usersFile.empty()) {
         return "a secret or --users";
@@ -323,7 +323,7 @@ void closeAll(std::vector<int>& listeners) {
     listeners.clear();
 }
 
-// The same, again if the port that was free for one address is taken for another.
+// The same, tried again if a port that was free for one address is taken for another.
 int listenOnAll(std::vector<sockaddr_storage>& addresses, std::vector<int>& listeners) {
     int error = -EADDRINUSE;
     for (int trial = 0; trial < mostPortTrials && error == -EADDRINUSE; ++trial) {
@@ -401,7 +401,7 @@ int main(int argc, char* argv[]) {
     std::fflush(stdout);
 
     const bool endsWithTerminal = !isDetached && hasTerminal();
-    // A terminal that goes away sends SIGHUP as well, and takes its programs with it.
+    // A terminal that is closed sends SIGHUP as well. Then the server stops, as other programs do.
     while (acceptConnections(daemon, listeners, service.connections, signals) == SIGHUP &&
            (!endsWithTerminal || hasTerminal())) {
         const std::string error = readFiles(arguments);

@@ -18,5 +18,5 @@ Text statusEnvelope(int code);
 
 // The entries of the directory open at `descriptor` (taken over and closed), which is `path` in the tree,
 // into `listing`; 0 or a negated error number. Names that are not UTF-8 and links that lead nowhere inside
-// are left out, the former with a line of log.
+// are left out, the former with a line on standard error.
 int listingObject(int descriptor, const std::string& path, Text& listing);

@@ -13,7 +13,7 @@ MHD_Response* emptyResponse() {
     return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
 }
 
-// Neither a cache nor a browser is to make anything of what is served.
+// Caches must not keep what is served, and browsers must not guess its type.
 MHD_Response* withCommonHeaders(MHD_Response* response) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
     MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");

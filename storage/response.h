@@ -26,7 +26,7 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
 // A response that is only its status. The body is empty because readers take whatever body comes for file data.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
 
-// The same for somebody who may not do anything here: the connection ends with it.
+// The same for a client without access: the connection ends with it.
 MHD_Result turnAway(MHD_Connection* connection, unsigned status);
 
 // Status 200 with a JSON object.

@@ -61,7 +61,7 @@ MHD_Result sendOutcome(MHD_Connection* connection, int result) {
     return sendStatus(connection, result == 0 ? MHD_HTTP_NO_CONTENT : statusOf(result));
 }
 
-// For the changes that report in an envelope what stands in their way.
+// For the changes that report the outcome in an envelope.
 MHD_Result sendEnvelope(MHD_Connection* connection, int result) {
     switch (-result) {
     case 0:
@@ -140,7 +140,7 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
 
 // Called once when the header is there, then with each piece of the body, then once more. A response that is given at
 // the first call ends the connection with what the client has sent of the body unread, so that the client may lose it:
-// that is for bodies whose end is in doubt or too far. All others are read, also those that are refused.
+// that is for bodies whose end is in doubt or that are too long. All others are read, also those that are refused.
 MHD_Result handle(MHD_Connection* connection, const char* method, const char* version, std::string_view piece,
                   Exchange& exchange) {
     const bool isFirst = !exchange.judged;

@@ -16,6 +16,6 @@ struct ServiceOptions {
 // connection has a thread of its own, so that a disk that is slow for one is slow for no other.
 MHD_Daemon* startService(const ServiceOptions& options);
 
-// Ends the service: no request begins any more, those that have begun get five seconds. False when some did not end,
-// and wait for the disk perhaps: then only the end of the process ends them.
+// Ends the service: no new request begins, and those that have begun get five seconds. False when some did not end, for
+// example because they wait for the disk: then only the end of the process ends them.
 bool stopService(MHD_Daemon* daemon);

@@ -87,7 +87,7 @@ std::string storedSpelling(const std::string& path) {
     return stored;
 }
 
-// True on file systems whose files are the kernel's own state, where a write may do anything.
+// True on file systems whose files are the kernel's own state, where a write may change the system.
 bool isKernelState(int descriptor) {
     struct statfs volume;
     if (fstatfs(descriptor, &volume) != 0) {
@@ -140,7 +140,7 @@ int syncDescriptor(int descriptor, int (*sync)(int)) {
     return !syncsChanges || sync(descriptor) == 0 || errno == EINVAL ? 0 : -errno;
 }
 
-// Closes `parent`; what becomes of `result`, the outcome of the change in it.
+// Syncs `parent` after a change in it whose outcome was `result`, and closes it. Returns the outcome of both.
 int finishChange(int parent, int result) {
     if (result == 0) {
         result = syncDescriptor(parent, fsync);
@@ -308,7 +308,7 @@ int renameInTree(const std::string& from, const std::string& to, bool replace) {
     }
     const int result = resultOf(
         renameat2(sourceParent, sourceName.c_str(), targetParent, targetName.c_str(), replace ? 0 : RENAME_NOREPLACE));
-    // Both parents are directories, so what is not one is a file in the way of a directory.
+    // Both parents are directories, so this error means that a directory was to replace a file.
     return finishChange(sourceParent, finishChange(targetParent, result == -ENOTDIR ? -EEXIST : result));
 }
 

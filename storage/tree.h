@@ -30,8 +30,8 @@ int statInTree(const std::string& path, struct stat& st);
 // the change with finishWriting.
 int openForWritingInTree(const std::string& path);
 
-// Closes `file`, which was opened at `path`, and hands its attributes out. An error means that what was written is not
-// sure to be there: the disk says so as late as now, or (-ENOENT) the file has been removed or replaced.
+// Closes `file`, which was opened at `path`, and stores its attributes in `st`. An error means that the data may not be
+// there: the disk has reported an error only now, or (-ENOENT) the file has been removed or replaced.
 int finishWriting(int file, const std::string& path, struct stat& st);
 
 // Cuts or extends the file at `path` to `size` bytes.

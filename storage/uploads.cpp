@@ -29,8 +29,8 @@ bool beginsWith(std::string_view name, const char* prefix) {
     return strncasecmp(name.data(), prefix, std::strlen(prefix)) == 0;
 }
 
-// The library passes over a header whose name it does not know, one with a blank behind it or with the rest of a folded
-// line among them.
+// The library ignores headers whose name it does not know. Among them are names with a blank behind them, and those
+// that begin with the rest of a folded line.
 MHD_Result lookAtHeader(void* context, MHD_ValueKind, const char* key, const char* value) {
     auto& framing = *static_cast<Framing*>(context);
     const std::string_view name = key != nullptr ? key : "";

@@ -16,18 +16,18 @@ struct Upload {
     Text body;
 };
 
-// Judges the headers that say where the body ends: 0; 400 when they are not beyond doubt, because the rest of the body
-// could pass for a request of its own; 413 when it is too long. Such a refusal has to end the connection.
+// Checks the headers that say where the body ends. Returns 0; 400 when they leave doubt, because the rest of the body
+// could pass for a request of its own; 413 when the body is too long. Such a refusal has to end the connection.
 unsigned judgeFraming(MHD_Connection* connection, const char* version, Upload& upload);
 
 // Opens the file of an upload; 0, or the status that refuses it.
 unsigned beginUpload(const Target& target, Upload& upload);
 
-// Takes a piece of a body. Of one that belongs to no upload it is only counted. Returns 0, or the status that refuses
-// it.
+// Takes a piece of a body; if the body belongs to no upload, its bytes are only counted. Returns 0, or the status that
+// refuses it.
 unsigned takePiece(Upload& upload, std::string_view piece);
 
-// Writes a complete body, and answers with what the file has become.
+// Writes a complete body, and answers with the file's attributes after it.
 MHD_Result endUpload(MHD_Connection* connection, const Target& target, Upload& upload);
 
 // Closes the file and drops the body.

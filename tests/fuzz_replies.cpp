@@ -1,5 +1,5 @@
-// libFuzzer target: what the daemon makes of any reply, in each call that reads one. A reply that ends the daemon
-// through abort() counts as survived; everything else that goes wrong is a finding.
+// libFuzzer target: gives any reply to each of the daemon's calls that read one. A reply that ends the daemon through
+// abort() is allowed; everything else that goes wrong is a finding.
 #include "cache/dir_entry.h"
 #include "cache/life.h"
 #include "cache/refresh.h"

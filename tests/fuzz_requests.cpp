@@ -1,4 +1,4 @@
-// libFuzzer target: what the server makes of any request line and Range header (cut apart at the first newline).
+// libFuzzer target: any request line and Range header for the server (the input is split at the first newline).
 // Nothing that it accepts may lead out of the served directory or lie outside the file.
 #include "storage/target.h"
 

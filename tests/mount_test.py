@@ -59,7 +59,7 @@ class MountTest(ServerTest):
     def same(self, command, one, other):
         self.assertEqual(shell(f"cd {one} && {command}"), shell(f"cd {other} && {command}"))
 
-    # Served with the rights of another user where we may choose, to a client that needs a name and a password.
+    # If root runs the test, the server runs as another user. The client needs a name and a password.
     def test_programs(self):
         local, state = self.scratch + "/local", self.scratch + "/state"
         self.check(f"""mkdir {local} {state} && cp {STORAGE} {state} && echo 'ann:p:w@/' >{state}/users &&
@@ -130,7 +130,7 @@ class MountTest(ServerTest):
                       f"sed s/{DECOMPOSED}/{COMPOSED}/g | sort; find . -type f -print0 | xargs -0 cat", self.tree, self.disk)
         self.unmount()
 
-    # In whichever way it is stopped, idle or busy: what a write was acknowledged for is on the server.
+    # However the daemon is stopped, idle or busy: acknowledged data are on the server.
     def test_stops(self):
         # The FUSE library leaves its own records behind when its loop is ended in the middle of requests.
         os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
@@ -151,7 +151,7 @@ class MountTest(ServerTest):
                     acknowledged[0] += disk.write(written[acknowledged[0]:acknowledged[0] + 20000])
         threads = []
         if is_busy:
-            # Opened while the disk is there: a write must not go to the folder below it afterwards.
+            # Opened while the disk is there: a write must not go to the directory below it afterwards.
             file = os.open(self.disk + "/file", os.O_CREAT | os.O_WRONLY | os.O_TRUNC)
             look = f"while ls -lR {self.disk} && cat {self.disk}/file; do :; done >/dev/null"
             threads = [threading.Thread(target=write, args=[file])]
@@ -185,7 +185,7 @@ class MountTest(ServerTest):
                 self.serve()
                 self.mount(mode)
                 self.freeze()
-                reader = start(["ls", self.disk + "/folder"], self.scratch + "/reader")
+                reader = start(["ls", self.disk + "/directory"], self.scratch + "/reader")
                 port = int(re.search(r":(\d+)/", self.url)[1])
                 until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))  # not taken yet
                 for way in signal.SIGINT, signal.SIGTERM:
@@ -227,7 +227,7 @@ class MountTest(ServerTest):
             self.start(AUTO)
             self.failed("CURL error: Could")
 
-    # A disk below the server that answers nobody, here one of ours, holds up only those who ask for its files.
+    # When a disk below the server does not answer (here one of ours), only those who ask for its files wait.
     def test_frozen_disk_below_a_server(self):
         self.check(f"echo content >{self.tree}/file")
         self.serve()
@@ -261,7 +261,7 @@ class MountTest(ServerTest):
         self.serve(STORAGE, *"--tls-cert {0}/cert --tls-key {0}/key".format(self.scratch).split())
         self.start(AUTO)
         self.failed("CURL error: SSL peer certificate or SSH remote key was not OK\n")
-        # Trusted in a mount namespace of its own, where the certificate stands in the place of the system's list.
+        # In a mount namespace of its own, where the certificate replaces the system's list, so that it is trusted.
         if shell(UNSHARE + " true") != ("", 0):
             self.skipTest("there are no mount namespaces, so no certificate can be made a trusted one")
         self.check(f"""{UNSHARE} sh -ec '

@@ -1,4 +1,4 @@
-# What programs do to a disk, step by step; run in an empty folder, on the mount and on a plain directory.
+# What programs do to a disk, step by step; run in an empty directory, on the mount and on a plain directory.
 exec 2>&1
 export LC_ALL=C.UTF-8 GIT_CONFIG_GLOBAL=/dev/null GIT_AUTHOR_DATE='@0 +0000' GIT_COMMITTER_DATE='@0 +0000'
 git() { command git -c user.name=T -c user.email=t@example.invalid -c init.defaultBranch=main "$@"; }

@@ -1,13 +1,13 @@
-// Tables of calls into the daemon's code. Each row runs in a child process against a scripted service, and all that
-// comes of it makes one text, in the order in which it happens. A row tells that text in fields, separated by "; " or a
-// line's end:
+// Tables of calls into the daemon's code. Each row runs in a child process against a scripted service. Its output, its
+// requests and its end make one text, in the order in which they happen. A row gives that text in fields, separated by
+// "; " or a line's end:
 //   "O TEXT", "E TEXT"  a line on one of the output streams; the transport's and the spelling's own lines count only in
 //       rows that have one of them
 //   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone (one that
 //       begins with "reset" has the connection reset behind it)
 //   "= NUMBER"  the call's result
 //   "exit STATUS", "signal NUMBER"  the child's end, if that is not exit 0
-// With "..." for its first field a row tells the end of the text. The service's address is HOST; `words` are replaced.
+// With "..." for its first field a row gives the end of the text. The service's address is HOST; `words` are replaced.
 #pragma once
 
 #include <ctime>

@@ -18,7 +18,7 @@ ANN, BOB, WRONG, NOBODY = ("Authorization: Basic " + base64.b64encode(user).deco
 def as_host(*hosts):
     return [f"GET $/d/in?action=props HTTP/1.1\r\nHost: {host}\r\n{ANN}\r\nConnection: close\r\n\r\n" for host in hosts]
 
-# What everybody gets, whoever he is and however the server was started: web pages, and names that lead to it.
+# The same for every client and every way to start the server: requests of web pages, and names that lead to the server.
 ACCESS = [
     ("403 ", [f"/d/in?action=unlink\n{header}\n{ANN}" for header in
               ("Origin: null", "referer: http://@$/", "Cookie: a=b", "Sec-Fetch-Site: cross-site",
@@ -90,7 +90,7 @@ SECTIONS = {
         ("413 ", [PUT + "0\nContent-Length: 1048577", PUT + "0" + CHUNKED + f"100001\r\nx{MOST}\r\n0\r\n\r\n"]),
         ('200 {"s":1048576,*', [PUT + "0\n\n" + MOST], "new=" + MOST),
         ("204 ", ["/new?action=truncate&offset=2", "/new?action=create&mode=33206"], "new=xx"),
-        # Folders, removing, renaming.
+        # Directories, removing, renaming.
         ('200 {"hc":200}' + JSON, ["/m?action=mkdir"]),
         ('200 {"s":N,"b":N,"m":16877,*', ["/m?action=props"]),
         ('200 {"hc":409}', ["/m?action=mkdir", "/new?action=rename&to=a.txt", "/new?action=rename&to=m&replace=1",
@@ -287,7 +287,7 @@ class StorageTest(ServerTest):
         os.rename(self.tree, self.scratch + "/moved")
         self.expect("200 content")
 
-    # An upload that the server has given its leave for; its body is still to come.
+    # An upload that the server has accepted; its body is still to come.
     def upload(self, file, length):
         connection = self.connection(self.bytes_of(f"PUT $/{file}?action=write&flags=1&offset=0{RAW}"
                                                    f"Expect: 100-continue\r\nContent-Length: {length}\r\n\r\n"))
@@ -378,7 +378,7 @@ class StorageTest(ServerTest):
         self.assertEqual(set(replies), {"200", "404"})
         self.assertEqual(text(self.scratch + "/outside/secret"), "secret")
 
-    # A reader that takes its time holds nobody up and gets everything, unless the file gets shorter meanwhile.
+    # A slow reader delays nobody and gets everything, unless the file gets shorter meanwhile.
     def test_slow_readers(self):
         self.serve()
         content = text(self.tree + "/big")

@@ -9,7 +9,7 @@ void* openTemporaryPool() {
 
 void releaseTemporaryPool(void*) {}
 
-// The password database knows; the environment is not asked.
+// From the password database, because the daemon does not use its environment.
 const char* homeDirectory() {
     static thread_local char buffer[16384];
     passwd record = {};

@@ -12,7 +12,7 @@
 namespace {
 
 // 64 bytes of a name's part and their terminator.
-constexpr std::size_t partAreaSize = 64 + 1;
+constexpr std::size_t partBufferSize = 64 + 1;
 
 } // namespace
 
@@ -50,13 +50,13 @@ char* pathFromDiskName(char* diskName) {
     }
     // The character before the parenthesis separates the parts, whatever it is. A negative length fails the
     // check.
-    char disk[partAreaSize];
+    char disk[partBufferSize];
     checkedCopyBytes(disk, sizeof disk, diskName, static_cast<std::size_t>(open - diskName - 1));
     const char* close = std::strrchr(open - 1, ')');
     if (close == nullptr) {
         return nullptr;
     }
-    char server[partAreaSize];
+    char server[partBufferSize];
     checkedCopyBytes(server, sizeof server, open + 1, static_cast<std::size_t>(close - open - 1));
     char* path = nullptr;
     if (asprintf(&path, "%s/Library/kelvane/mount/%s/%s", homeDirectory(), server, disk) < 0) {

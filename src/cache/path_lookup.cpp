@@ -13,9 +13,9 @@ namespace {
 constexpr time_t cacheLifetime = 60;
 // Of the kernel's FUSE module.
 constexpr std::size_t longestKernelName = 1024;
-constexpr std::size_t pathAreaSize = 2048;
+constexpr std::size_t pathBufferSize = 2048;
 constexpr char traceStart[] = "CACHE-DirRead: adding: ";
-constexpr std::size_t traceAreaSize = 4096;
+constexpr std::size_t traceBufferSize = 4096;
 
 void dropCache() {
     DirEntryFree(dirEntryTop);
@@ -80,10 +80,10 @@ DirEntry* DirGetEntry(const char* path) {
 }
 
 char* DirReadOriginalEncodingPathUnlocked(const char* path) {
-    auto* result = notNull(static_cast<char*>(std::malloc(pathAreaSize)));
+    auto* result = notNull(static_cast<char*>(std::malloc(pathBufferSize)));
     *result = '\0';
     char* copy = notNull(strdup(path));
-    char prefix[pathAreaSize] = "";
+    char prefix[pathBufferSize] = "";
     std::printf("%s: %s\n", "DirReadOriginalEncodingPathUnlocked", path);
 
     char* rest = nullptr;
@@ -91,9 +91,9 @@ char* DirReadOriginalEncodingPathUnlocked(const char* path) {
          component = strtok_r(nullptr, "/", &rest)) {
         checkedAppend(prefix, sizeof prefix, "/");
         checkedAppend(prefix, sizeof prefix, component);
-        checkedAppend(result, pathAreaSize, "/");
+        checkedAppend(result, pathBufferSize, "/");
         const DirEntry* entry = DirGetEntryUnlocked(prefix);
-        checkedAppend(result, pathAreaSize, entry != nullptr ? entry->name : component);
+        checkedAppend(result, pathBufferSize, entry != nullptr ? entry->name : component);
         std::printf("encoded_path=%s\n", result);
     }
     std::free(copy);
@@ -108,7 +108,7 @@ char* DirReadOriginalEncodingPath(const char* path) {
 }
 
 int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
-    // One level from here to the end, so that the record cannot go between its look-up and its use.
+    // Held from here to the end, so that the record cannot be dropped between its look-up and its use.
     DirLock();
     DirEntry* dir = DirGetEntry(path);
     if (dir == nullptr || dir->type != directoryType) {
@@ -121,18 +121,18 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
         --recordsInUse;
         std::free(servicePath);
     }
-    // A line for each entry, but not a system call.
-    char trace[traceAreaSize];
+    // Prints a line for each entry, but does not make a system call for each.
+    char trace[traceBufferSize];
     char* end = trace;
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
-        // The line's newline stands in the place of the start's terminator.
+        // The size of the start counts its terminator; the line has a newline instead.
         const std::size_t lineSize = sizeof traceStart + std::strlen(child->name);
-        if (lineSize >= static_cast<std::size_t>(trace + traceAreaSize - end)) {
+        if (lineSize >= static_cast<std::size_t>(trace + traceBufferSize - end)) {
             std::fwrite(trace, 1, end - trace, stdout);
             end = trace;
         }
-        if (lineSize >= traceAreaSize) {
+        if (lineSize >= traceBufferSize) {
             std::printf("%s%s\n", traceStart, child->name);
         } else {
             end = stpcpy(stpcpy(stpcpy(end, traceStart), child->name), "\n");

@@ -1,4 +1,4 @@
-// Keeping the cache in line after a change, entry by entry.
+// Brings the cache up to date after a change, one entry at a time.
 #pragma once
 
 // Splits `path` at its last "/": `*parent` is a new string that the caller frees, `*name` points into `path`.

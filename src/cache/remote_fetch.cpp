@@ -32,14 +32,14 @@ constexpr AttributeField attributeFields[] = {
     {"ct", [](struct stat& st, int value) { st.st_ctime = value; }},
 };
 
-// What a listing element is asked for, found in one pass over its members.
+// The members of a listing element that are used, found in one pass over all of them.
 struct ListedEntry {
     const cJSON* name;
     const cJSON* kind;
     const cJSON* attributes[std::size(attributeFields)];
 };
 
-// The two letters of a key as one number, in small letters; 0 for a key that is not of one or two letters.
+// A key of one or two letters as a number, the same for upper and lower case; 0 for every other key.
 constexpr unsigned packedKey(const char* key) {
     constexpr unsigned smallLetter = 0x20;
     const auto first = static_cast<unsigned char>(key[0]);
@@ -53,7 +53,8 @@ constexpr unsigned packedKey(const char* key) {
     return key[2] != '\0' ? 0 : (first | smallLetter) | (second | smallLetter) << 8U;
 }
 
-// That number stands for no other key when the key consists of small letters: no other byte becomes one.
+// True for a key of lower-case letters. Its number stands for no other key, because no byte but the letter itself and
+// its upper case becomes a lower-case letter.
 constexpr bool isPackedExactly(const char* key) {
     const std::string_view letters = key;
     return !letters.empty() && letters.size() <= 2 &&
@@ -63,7 +64,7 @@ static_assert(isPackedExactly("n") && isPackedExactly("t") &&
               std::all_of(std::begin(attributeFields), std::end(attributeFields),
                           [](const AttributeField& field) { return isPackedExactly(field.key); }));
 
-// The member of `entry` that goes by `key`, or null for a key that is not asked for.
+// The member of `entry` called `key`, or null for a key that is not used.
 const cJSON** memberOf(ListedEntry& entry, const char* key) {
     const unsigned packed = packedKey(key);
     if (packed == packedKey("n")) {

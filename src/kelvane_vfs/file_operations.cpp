@@ -17,7 +17,7 @@
 
 namespace {
 
-constexpr std::size_t queryAreaSize = 80;
+constexpr std::size_t queryBufferSize = 80;
 
 int failed() {
     std::fputs("  -> FAILED\n", stderr);
@@ -34,7 +34,7 @@ void keepOpenFlags(struct fuse_file_info* fi) {
 bool writePart(const char* path, const char* data, std::int32_t length, long long offset,
                const struct fuse_file_info* fi) {
     const int flags = open_flags_local_to_kelv(static_cast<std::int32_t>(fi->fh));
-    char query[queryAreaSize];
+    char query[queryBufferSize];
     checkedFormat(query, sizeof query, "action=write&flags=%i&offset=%lld", flags, offset);
     long status = 0;
     std::size_t received = 0;
@@ -53,7 +53,7 @@ bool writePart(const char* path, const char* data, std::int32_t length, long lon
 int kelvane_create(const char* path, mode_t mode, struct fuse_file_info* fi) {
     std::fprintf(stderr, "kelvane_create: %s mode: %d flags: %d uid: %d\n", path, static_cast<int>(mode), fi->flags,
                  static_cast<int>(getuid()));
-    char query[queryAreaSize];
+    char query[queryBufferSize];
     checkedFormat(query, sizeof query, "action=create&mode=%i", static_cast<int>(mode));
     // Whatever status comes back, the refresh finds out what the service really has.
     char* reply = getURL(path, query, nullptr, nullptr, nullptr);
@@ -78,7 +78,7 @@ int kelvane_open(const char* path, struct fuse_file_info* fi) {
 int kelvane_read(const char* path, char* buf, std::size_t size, off_t offset, struct fuse_file_info*) {
     const auto first = static_cast<unsigned long long>(offset);
     std::fprintf(stderr, "kelvane_read: %s (%llu, %lu)\n", path, first, static_cast<unsigned long>(size));
-    char range[queryAreaSize];
+    char range[queryBufferSize];
     checkedFormat(range, sizeof range, "Range: bytes=%llu-%llu", first, first + size - 1);
     std::size_t received = 0;
     long status = 0;
@@ -115,7 +115,7 @@ int kelvane_write(const char* path, const char* buf, std::size_t size, off_t off
 
 int kelvane_truncate(const char* path, off_t size) {
     std::fprintf(stderr, "kelvane_truncate: %s %lld\n", path, static_cast<long long>(size));
-    char query[queryAreaSize];
+    char query[queryBufferSize];
     checkedFormat(query, sizeof query, "action=truncate&offset=%lld", static_cast<long long>(size));
     long status = 0;
     char* reply = getURL(path, query, nullptr, nullptr, &status);

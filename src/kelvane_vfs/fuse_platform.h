@@ -26,6 +26,6 @@ void platformLoopEnded();
 // has ended.
 extern "C" void fuse_exit_handler_internal_np();
 
-// Takes the disk out of the tree of files at once, even when it is in use and nobody answers for it; does nothing when
-// it is not there. Called by the thread that ends the process right after.
+// Takes the disk out of the tree of files at once, even when it is in use and its requests are not answered; does
+// nothing when it is not there. Called by the thread that ends the process right after.
 void platformDetachMount();

@@ -33,8 +33,8 @@ constexpr unsigned largestWrite = 131072;
 // The kernel reads in requests of this size, and ahead of programs by one of them unless it is told otherwise.
 constexpr unsigned largestRead = 131072;
 constexpr unsigned mostReadsAhead = 64;
-constexpr unsigned usualBackground = 12;     // requests that the kernel has under way on its own account
-constexpr double lineBytesPerSecond = 125e6; // a gigabit line is to be full
+constexpr unsigned usualBackground = 12;     // requests that the kernel has under way in the background
+constexpr double lineBytesPerSecond = 125e6; // of a gigabit line
 
 constexpr long firstPauseNanoseconds = 1'000'000;
 constexpr long longestPauseNanoseconds = 128'000'000;
@@ -42,17 +42,17 @@ constexpr long longestPauseNanoseconds = 128'000'000;
 void wakeUp(int) {}
 
 // With -o auto_unmount a helper unmounts once its socket to this process closes, but only a disk that is dead by then.
-// The kernel lets go of the files of a process that ends in the opposite order of their numbers, so a high number for
-// the FUSE device makes sure that the disk dies first. The number is the highest for which the kernel need not grow the
-// table of files, which takes it some ten milliseconds in a process of several threads.
+// When a process ends, the kernel closes its files from the highest number down, so a high number for the FUSE device
+// makes sure that the disk dies first. The number is the highest for which the kernel need not grow the table of files;
+// that takes some ten milliseconds in a process of several threads.
 void holdDeviceToTheEnd(struct fuse_session* session) {
     constexpr int highNumber = 63;
     const int device = fuse_chan_fd(fuse_session_next_chan(session, nullptr));
     [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
 }
 
-// The device number of what is mounted at `mountDirectory`, without a question to the one who answers for it; 0 when it
-// cannot be told.
+// The device number of what is mounted at `mountDirectory`, read without asking the process that serves it; 0 when it
+// cannot be read.
 dev_t deviceAtMountDirectory() {
     struct statx there = {};
     if (mountDirectory == nullptr || statx(AT_FDCWD, mountDirectory, AT_STATX_DONT_SYNC, 0, &there) != 0) {
@@ -115,7 +115,7 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
 void platformFitReadAhead(struct fuse_conn_info* conn, double seconds) {
     const double distance = seconds * lineBytesPerSecond / largestRead;
     const auto reads = static_cast<unsigned>(std::min<double>(distance, mostReadsAhead));
-    // Less than the kernel's own is a choice of whoever mounted.
+    // A limit below the kernel's own was chosen on the command line.
     if (reads < 2 || conn->max_readahead < largestRead) {
         return;
     }

@@ -12,7 +12,7 @@
 
 namespace {
 
-// Where FUSE mounts: its first argument that is no option, wherever that stands. Null when there is none, or no such
+// Where FUSE mounts: its first argument that is no option, wherever it is. Null when there is none, or no such
 // directory.
 char* findMountDirectory(int argc, char* argv[]) {
     for (int i = 3; i < argc; ++i) {
@@ -42,7 +42,7 @@ int main(int argc, char* argv[]) {
     }
     forgetEnvironment();
     tuneHeap();
-    // The trace has to be there when it happens, and must not be lost when the process ends by abort().
+    // Each line of the trace has to appear at once, and must not be lost when the process ends through abort().
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
     mountPoint = argv[argc - 1];

@@ -1,5 +1,5 @@
-// What the process has one of: its globals, its standard descriptors, its environment, its heap and its end. `main`
-// sets the globals before the FUSE loop starts, but for the pipe and the exit thread (stop_path), `exitCode` and
+// What exists once in a process: its globals, its standard descriptors, its environment, its heap and its end. `main`
+// sets the globals before the FUSE loop starts, except the pipe and the exit thread (stop_path), `exitCode` and
 // `finderInformed`.
 #pragma once
 
@@ -44,7 +44,7 @@ void forgetEnvironment();
 // Tells the heap which freed memory to keep, where the platform needs it.
 void tuneHeap();
 
-// Ends the process with `status` after flushing standard output, without running exit handlers: other threads
-// are still inside libcurl and its TLS library, whose clean-up would pull the ground from under them. Of
-// several threads that call it at once the first one's status counts; the others never return.
+// Ends the process with `status` after flushing standard output, without running exit handlers: other threads are still
+// inside libcurl and its TLS library, whose clean-up would free what they use. When several threads call it at once,
+// the first one's status counts; the others never return.
 [[noreturn]] void endProcess(int status);

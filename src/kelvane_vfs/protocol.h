@@ -17,5 +17,5 @@ int requiredInt(const cJSON* object, const char* key);
 // error. `body` (may be null) stays with the caller.
 int parse_jsonp_response(long status, const char* body);
 
-// Translates the platform's open flags into the service's flag bits; flags that the service does not know go.
+// Translates the platform's open flags into the service's flag bits; drops flags that the service does not know.
 int open_flags_local_to_kelv(int flags);

@@ -7,7 +7,7 @@
 
 namespace {
 
-// The first block holds everything but a listing.
+// The first block is large enough for every reply but a listing.
 constexpr std::size_t firstBlockSize = 4UL * 1024;
 constexpr std::size_t blockSize = 1024UL * 1024;
 

@@ -1,6 +1,6 @@
 // JSON replies as trees. A tree consists of some twenty small allocations for each entry of a listing, which are made
-// together and go together, so they come out of blocks that belong to the thread and not from the heap one by one.
-// cJSON's hooks are for the whole process: all that it allocates anywhere comes out of these blocks.
+// and released together, so they come out of blocks that belong to the thread and not from the heap one by one. cJSON's
+// hooks are for the whole process: all that it allocates anywhere comes out of these blocks.
 #pragma once
 
 #include <cjson/cJSON.h>

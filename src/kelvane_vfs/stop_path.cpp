@@ -21,8 +21,8 @@ pid_t exitThreadProcess = 0;
 // The pipe from the signal handler to the guard.
 int guardPipe[2] = {-1, -1};
 
-// A second signal may be the same wish twice (a terminal that closes, a script that passes an interrupt on), so the
-// loop has this long to end all the same.
+// Two signals may have one cause (a terminal that closes, a script that passes an interrupt on), so the loop still has
+// this long to end.
 constexpr int graceMilliseconds = 500;
 constexpr int patienceMilliseconds = 30'000;
 
@@ -55,7 +55,7 @@ int createExitThread() {
     return pthread_create(&closeFuseThread, nullptr, exitThreadFunction, const_cast<char*>(mountPoint));
 }
 
-// Without flushing: the trace is written line by line, and whoever should read it may have stopped reading.
+// Does not flush: the trace is written line by line, and its reader may have stopped reading.
 [[noreturn]] void endAtOnce() {
     platformDetachMount();
     _exit(1);
@@ -71,7 +71,7 @@ void* guardStop(void*) {
     endAtOnce();
 }
 
-// The guard takes no signal: a handler that prints to a reader who has stopped reading does not come back.
+// The guard takes no signal: a handler that prints to a reader who has stopped reading would block it.
 int createGuard() {
     if (pipe(guardPipe) != 0) {
         return errno;
@@ -134,7 +134,7 @@ void* exitThreadFunction(void*) {
 void handleSignal(int signal) {
     const int savedErrno = errno;
     const char byte = 0;
-    // First, because the lines may not get out.
+    // First, because printing may block.
     [[maybe_unused]] const ssize_t guardTold = write(guardPipe[1], &byte, 1);
     ++handlersRunning;
     printInHandler("handleSignal: %d\n", signal);

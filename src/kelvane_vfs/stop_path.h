@@ -9,9 +9,9 @@
 void startExitThread();
 
 // Called in the process that serves, before the handlers are installed: starts the guard, or prints why there is none.
-// If FUSE has forked into the background since, it also starts an exit thread with a pipe of its own, because a fork
-// takes no thread but the caller along, and the parent's exit thread still reads from the pipe before; without one the
-// process ends here, with status 1 and unmounted.
+// If FUSE has forked into the background since, it also starts an exit thread with a pipe of its own: a fork copies
+// only the calling thread, and the parent's exit thread may still read from the parent's pipe. If that fails, the
+// process ends here, unmounted and with status 1.
 void prepareToStop();
 
 // Body of the exit thread; the argument (the mount point) is not used.

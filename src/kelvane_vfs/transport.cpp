@@ -19,10 +19,10 @@ namespace {
 constexpr std::size_t errorTextSize = 1024;
 static_assert(errorTextSize >= CURL_ERROR_SIZE);
 
-// A read or a write of the kernel's largest size, with its headers, in one piece each way.
+// Holds a read or a write of the kernel's largest size, with its headers, in one piece.
 constexpr long transferBufferSize = 144L * 1024;
 
-// A write asks whether its body is welcome, but does not wait a round trip for the answer. In milliseconds.
+// A write may send "Expect: 100-continue", but does not wait a round trip for the answer. In milliseconds.
 constexpr long longestExpectWait = 1;
 
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
@@ -171,7 +171,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
     const CURLcode result = curl_easy_perform(handle);
-    // The buffer ends with this call; the handle lives on.
+    // The buffer lives only as long as this call, the handle longer.
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
     if (result != CURLE_OK) {
         std::fprintf(stderr, "UPLOAD failed due to %s\n", errorText);

@@ -1,5 +1,5 @@
-// macOS's build of the daemon under stand-ins: the desktop's calls are printed, the FUSE library's loop is a short
-// script, and Foundation is GNUstep's.
+// macOS's build of the daemon with replacements: the desktop's functions print their calls, the FUSE library's loop is a
+// short script, and Foundation is GNUstep's.
 #include "InformFinder/finder_sidebar.h"
 #include "kelvane_vfs/fuse_platform.h"
 #include "kelvane_vfs/process.h"
@@ -20,7 +20,7 @@ namespace {
 std::promise<void> loopEnds;
 bool prints = false;
 
-// Every object can be had.
+// Prints the call and returns the object.
 const char* give(const char* object, const std::string& call) {
     std::printf("%s", prints ? (call + "\n").c_str() : "");
     return object;
@@ -60,7 +60,7 @@ void fuse_exit_handler_internal_np() {
     loopEnds.set_value();
 }
 
-// Asks what a kernel would, is stopped by a signal, and ends when it is told to.
+// Makes a kernel's first calls, raises a signal, and ends when it is told to.
 int fuse_main_real(int argc, char* argv[], const struct fuse_operations* table, std::size_t size, void*) {
     std::printf("%s %s %zu\n", argv[0], argv[argc - 1], size);
     struct stat st = {};
