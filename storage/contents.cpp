@@ -110,7 +110,7 @@ MHD_Result sendFile(MHD_Connection* connection, int& file, std::uint64_t size) {
     MHD_Response* response = nullptr;
     if (kind == RangeKind::unsatisfiable) {
         range.length = 0;
-        response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+        response = emptyResponse();
     } else if (range.length <= largestCopiedReply) {
         response = copiedBody(file, range.first, range.length);
     } else {

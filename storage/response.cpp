@@ -9,16 +9,15 @@ namespace {
 
 thread_local Sent lastSent;
 
-MHD_Response* emptyResponse() {
-    return MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
-}
-
 // Caches must not keep what is served, and browsers must not guess its type.
 MHD_Response* withCommonHeaders(MHD_Response* response) {
     MHD_add_response_header(response, MHD_HTTP_HEADER_CACHE_CONTROL, "no-store");
     MHD_add_response_header(response, "X-Content-Type-Options", "nosniff");
     return response;
 }
+
+// Serves all responses that are only their status, so that there is memory for it when there is none for anything else.
+MHD_Response* const bareResponse = withCommonHeaders(emptyResponse());
 
 } // namespace
 
@@ -56,6 +55,15 @@ unsigned statusOf(int error) {
     }
 }
 
+// The library does not look for null where it adds headers.
+MHD_Response* emptyResponse() {
+    MHD_Response* response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
+    if (response == nullptr) {
+        throw std::bad_alloc();
+    }
+    return response;
+}
+
 Sent takeSent() {
     return std::exchange(lastSent, {});
 }
@@ -70,11 +78,9 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
     return queued;
 }
 
-// The one response serves all, so that there is memory for it when there is none for anything else.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status) {
-    static MHD_Response* const shared = withCommonHeaders(emptyResponse());
     lastSent = {status, 0};
-    return MHD_queue_response(connection, status, shared);
+    return MHD_queue_response(connection, status, bareResponse);
 }
 
 MHD_Result turnAway(MHD_Connection* connection, unsigned status) {

@@ -19,6 +19,9 @@ Sent takeSent();
 // The HTTP status for a negated error number.
 unsigned statusOf(int error);
 
+// A response without a body, which the caller releases; std::bad_alloc is thrown when memory is short.
+MHD_Response* emptyResponse();
+
 // Sends `response`, whose body has `bytes` bytes, and releases it. For null, which the library returns when memory is
 // short, it throws std::bad_alloc.
 MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes);
