@@ -140,6 +140,9 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
             arguments.usersFile = optarg;
             break;
         case 'o':
+            if (*optarg == '\0' || std::strpbrk(optarg, ":/@ ") != nullptr) {
+                return complainOfArgument("--host " + std::string(optarg) + ": not a name alone; it has no port");
+            }
             service.access.hosts.emplace_back(optarg);
             break;
         case 'c':

@@ -396,6 +396,7 @@ class StorageTest(ServerTest):
         for arguments, output, status in (
                 ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
                 ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2), ("--prefix x /tmp", "--prefix x: ", 2),
+                ("--host disk.example:80 /tmp", "--host disk.example:80: ", 2),
                 ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing: --tls-cert", 2),
                 ("--listen :: --behind-proxy --no-secret /tmp", "reach ::, so this is missing: a secret", 2),
                 ("--users {0}/others /tmp", "others can", 1), ("--secret-file {0}/others /tmp", "others can", 1),
