@@ -1,5 +1,5 @@
-// macOS's build of the daemon with replacements: the desktop's functions print their calls, the FUSE library's loop is a
-// short script, and Foundation is GNUstep's.
+// macOS's build of the daemon with replacements: the desktop's functions print their calls, the FUSE library's loop is
+// a short script, and Foundation is GNUstep's.
 #include "InformFinder/finder_sidebar.h"
 #include "kelvane_vfs/fuse_platform.h"
 #include "kelvane_vfs/process.h"
