@@ -122,8 +122,12 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
     unsigned handedOver = begun;
     bool hasRoom = true;
     for (;;) {
-        // The library begins with a connection on a thread of its own, a little later.
-        const bool isFull = countClients() + (handedOver - begun) >= most;
+        // The library begins with a connection on a thread of its own, a little later: perhaps after it was given up.
+        const unsigned started = begun;
+        if (static_cast<int>(handedOver - started) < 0) {
+            handedOver = started;
+        }
+        const bool isFull = countClients() + (handedOver - started) >= most;
         const bool crowded = isFull || !hasRoom;
         if (const std::int64_t time = now(); isFull || time >= nextLook) {
             endSlowClients(isFull);
