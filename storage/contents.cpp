@@ -33,8 +33,8 @@ void freeCopy(void* context) {
     delete copy;
 }
 
-// Up to `length` bytes of the file at `offset`: what is there now is what the response declares, also when somebody
-// cuts the file short meanwhile. Null when it cannot be read.
+// Up to `length` bytes of the file at `offset`. The response declares as many bytes as could be read, so its length is
+// right even if the file becomes shorter at the same time. Null when the file cannot be read.
 MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) {
     std::unique_ptr<Copy, void (*)(void*)> copy(new Copy{nullptr, 0}, freeCopy);
     copy->bytes = BodyAllocator<char>().allocate(length);
@@ -60,8 +60,8 @@ MHD_Response* copiedBody(int file, std::uint64_t offset, std::uint64_t& length) 
     return response;
 }
 
-// A long body, read as it is sent. The library's own sendfile would wait without end for a file that somebody has cut
-// short; here the response breaks off instead.
+// A long body, read as it is sent. When the file becomes shorter meanwhile, the library's own sendfile would wait
+// without end; here the response breaks off instead.
 struct Stream {
     int file;
     std::uint64_t first;

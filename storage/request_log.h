@@ -16,7 +16,7 @@ struct LogEntry {
 };
 
 // Opens `file` ("-" is standard output) to append to it; 0 or a negated error number. Called again, it opens the file
-// anew, which whoever renames logs needs.
+// anew, so that a log that was renamed is continued under its old name.
 int openLog(const std::string& file);
 
 // True once a log is open.

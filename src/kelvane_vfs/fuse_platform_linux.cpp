@@ -86,7 +86,7 @@ bool endLoopOnce(bool& marked) {
 } // namespace
 
 // The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
-// SA_RESTART, and let through even if whoever started the daemon blocked it.
+// SA_RESTART, and unblocked, because the parent process may have blocked it.
 void platformBeforeLoop() {
     struct sigaction wake = {};
     wake.sa_handler = wakeUp;
