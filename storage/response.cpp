@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <memory>
 #include <new>
+#include <sys/socket.h>
 #include <utility>
 
 namespace {
@@ -18,6 +19,12 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
 
 // Serves all responses that are only their status, so that there is memory for it when there is none for anything else.
 MHD_Response* const bareResponse = withCommonHeaders(emptyResponse());
+
+// The library may leave the connection of a failed body open; the client must not wait for the rest.
+ssize_t breakOff(void* context, std::uint64_t, char*, std::size_t) {
+    shutdown(static_cast<int>(reinterpret_cast<std::intptr_t>(context)), SHUT_RDWR);
+    return MHD_CONTENT_READER_END_WITH_ERROR;
+}
 
 } // namespace
 
@@ -81,6 +88,16 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status) {
     lastSent = {status, 0};
     return MHD_queue_response(connection, status, bareResponse);
+}
+
+MHD_Result sendReadFailure(MHD_Connection* connection, unsigned status) {
+    if (status < MHD_HTTP_INTERNAL_SERVER_ERROR) {
+        return sendStatus(connection, status);
+    }
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
+    MHD_Response* response =
+        MHD_create_response_from_callback(1, 1, breakOff, reinterpret_cast<void*>(std::intptr_t{socket}), nullptr);
+    return response != nullptr ? sendResponse(connection, status, response, 0) : MHD_NO;
 }
 
 MHD_Result turnAway(MHD_Connection* connection, unsigned status) {
