@@ -132,8 +132,6 @@ class MountTest(ServerTest):
 
     # However the daemon is stopped, idle or busy: acknowledged data are on the server.
     def test_stops(self):
-        # The FUSE library leaves its own records behind when its loop is ended in the middle of requests.
-        os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
         # ThreadSanitizer holds signals back in a process that was forked off several threads.
         modes = [["-f"], ["-f", "-s"]] + ([["-d"], [], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
         self.serve()
@@ -177,7 +175,7 @@ class MountTest(ServerTest):
 
     # A server that takes requests and answers none: the first signal cannot end the loop.
     def test_stops_twice(self):
-        # As above; and the library's threads are left where they are.
+        # The FUSE library's threads are left where they are.
         modes = [["-f"], ["-f", "-s"], AUTO] + ([[], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
         os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"
         for mode in modes:
