@@ -29,8 +29,8 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
 // A response that is only its status. The body is empty because readers take whatever body comes for file data.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
 
-// The status of a read that failed. Readers take an empty body for an empty file or its end, so from 500 on the response
-// declares a body, and the connection ends before the body comes.
+// The status of a read that failed. Readers take an empty body for an empty file or its end, so from 500 on the
+// response declares a body, and the connection ends before the body comes.
 MHD_Result sendReadFailure(MHD_Connection* connection, unsigned status);
 
 // The same for a client without access: the connection ends with it.
