@@ -373,7 +373,8 @@ def main():
     parser.add_argument("--systems", metavar="SYSTEM,..", help=", ".join(SYSTEMS))
     parser.add_argument("--rtt", type=float, metavar="MS", default=0,
                         help="hold every byte back for half of this each way; does less, and only what a network changes")
-    parser.add_argument("--before", metavar="PROGRAM", help="an earlier kelvane_vfs, measured as well")
+    parser.add_argument("--before", type=pathlib.Path, metavar="DIRECTORY",
+                        help="with an earlier kelvane_vfs, an earlier kelvane_storage or both, measured as well")
     parser.add_argument("--quick", action="store_true", help="one round, without the largest directories")
     parser.add_argument("--output", type=pathlib.Path, metavar="DIRECTORY", help="of the results (build/bench/results)")
     parser.add_argument("--write-docs", action="store_true", help="renew docs/performance.md and its chart")

@@ -15,13 +15,17 @@ import time
 build = None  # folder of the programs that are built here
 work = None  # everything that a run makes lies below this folder
 data = None  # what all servers serve
-before = None  # an earlier daemon
+before = None  # folder of earlier programs
 urls = {}  # server -> where it serves
 mount_numbers = itertools.count()
 
 
 def tool(name):
     return str(build / name)
+
+
+def earlier(name):
+    return before / name if (before / name).exists() else tool(name)
 
 
 # Ending: what would leave something behind is not cut in two, and the clean-up is not interrupted.
@@ -114,10 +118,14 @@ def files_in_use(process):
 # Servers: one of each for the whole run, all on the same folder.
 
 
-def start_storage(folder, _, log):
-    server = launch([tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
-    urls["storage"] = server.stdout.readline().strip()
+def start_storage(folder, _, log, program=None):
+    server = launch([program or tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
+    urls[folder.name] = server.stdout.readline().strip()
     return server
+
+
+def start_before(folder, port, log):
+    return start_storage(folder, port, log, earlier("kelvane_storage"))
 
 
 def start_nginx(folder, port, log):
@@ -200,7 +208,10 @@ def start_servers(stack, say, rtt):
     if os.getuid() == 0 and not os.path.isdir("/run/sshd"):
         os.mkdir("/run/sshd", 0o755)
         stack.callback(os.rmdir, "/run/sshd")
-    for name, start in {"storage": start_storage, "nginx": start_nginx, "sshd": start_sshd}.items():
+    starts = {"storage": start_storage, "nginx": start_nginx, "sshd": start_sshd}
+    if before:
+        starts["before"] = start_before
+    for name, start in starts.items():
         folder = work / name
         folder.mkdir()
         port = free_port()
@@ -208,7 +219,7 @@ def start_servers(stack, say, rtt):
         try:
             with shielded():
                 stack.callback(stop, start(folder, port, log))
-            if name != "storage":
+            if name not in ("storage", "before"):
                 wait_for_port(port)
         except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
             say(f"without {name}: {error}")
@@ -225,12 +236,12 @@ def timeouts(uncached):
     return ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
 
 
-def kelvane_of(program, point, uncached, *options):
-    return [program, urls["storage"], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
+def kelvane_of(program, server, point, uncached, *options):
+    return [program, urls[server], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
 
 
 def kelvane(point, uncached, *options):
-    return kelvane_of(tool("kelvane_vfs"), point, uncached, *options)
+    return kelvane_of(tool("kelvane_vfs"), "storage", point, uncached, *options)
 
 
 def pass_through(point, uncached):
@@ -261,7 +272,7 @@ def sshfs(point, uncached):
 
 SYSTEMS = {  # name: (command line of a mount, server)
     "kelvane": (kelvane, "storage"),
-    "before": (lambda *where: kelvane_of(before, *where), "storage"),
+    "before": (lambda *where: kelvane_of(earlier("kelvane_vfs"), "before", *where), "before"),
     "kelvane -s": (lambda *where: kelvane(*where, "-s"), "storage"),
     "rclone": (rclone, "nginx"),
     "rclone-writes": (lambda *where: rclone(*where, "writes"), "nginx"),
