@@ -254,24 +254,23 @@ unsigned raiseDescriptorLimit() {
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
-// What SIGHUP reads again; an empty text, or what is wrong in words.
+// What SIGHUP reads again. What cannot be read stays as it was; the result says in words which files those are and why.
 std::string readFiles(const Arguments& arguments) try {
+    std::string errors;
+    const auto note = [&errors](const std::string& error) {
+        errors += errors.empty() || error.empty() ? error : "; " + error;
+    };
     if (arguments.service.tls) {
-        if (std::string error = readCertificate(arguments.certificateFile, arguments.keyFile); !error.empty()) {
-            return error;
-        }
+        note(readCertificate(arguments.certificateFile, arguments.keyFile));
     }
     if (!arguments.usersFile.empty()) {
-        if (std::string error = readUsers(arguments.usersFile); !error.empty()) {
-            return error;
-        }
+        note(readUsers(arguments.usersFile));
     }
     if (!arguments.logFile.empty()) {
-        if (const int error = openLog(arguments.logFile); error != 0) {
-            return arguments.logFile + ": " + std::strerror(-error);
-        }
+        const int error = openLog(arguments.logFile);
+        note(error == 0 ? "" : arguments.logFile + ": " + std::strerror(-error));
     }
-    return "";
+    return errors;
 } catch (const std::bad_alloc&) {
     return "out of memory";
 }
@@ -408,7 +407,7 @@ int main(int argc, char* argv[]) {
     while (acceptConnections(daemon, listeners, service.connections, signals) == SIGHUP &&
            (!endsWithTerminal || hasTerminal())) {
         const std::string error = readFiles(arguments);
-        say(error.empty() ? "read certificate, users and log file again" : "kept what it had: " + error);
+        say("read certificate, users and log file again" + (error.empty() ? "" : ", except for " + error));
     }
     closeAll(listeners);
     if (!stopService(daemon)) {
