@@ -40,7 +40,8 @@ class ServerTest(unittest.TestCase):
 
     def serve(self, *command):
         self.server = start([*(command or [STORAGE]), self.tree], self.scratch + "/server")
-        until(lambda: text(self.scratch + "/server.out").endswith("\n"))
+        until(lambda: text(self.scratch + "/server.out").endswith("\n") or self.server.poll() is not None)
+        self.assertIsNone(self.server.poll(), text(self.scratch + "/server.err"))
         self.url = text(self.scratch + "/server.out").rstrip("\n")
 
     def freeze(self):
