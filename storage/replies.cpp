@@ -1,5 +1,6 @@
 #include "storage/replies.h"
 
+#include "storage/response.h"
 #include "storage/tree.h"
 
 #include <cerrno>
@@ -51,11 +52,12 @@ void appendAttributes(Text& json, const struct stat& st) {
     appendMember(json, "ct", st.st_ctime);
 }
 
-bool statListed(int directory, const std::string& path, const char* name, struct stat& st) {
+// 0 or a negated error number.
+int statListed(int directory, const std::string& path, const char* name, struct stat& st) {
     if (fstatat(directory, name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-        return false;
+        return -errno;
     }
-    return !S_ISLNK(st.st_mode) || statInTree(path.empty() ? name : path + "/" + name, st) == 0;
+    return S_ISLNK(st.st_mode) ? statInTree(path.empty() ? name : path + "/" + name, st) : 0;
 }
 
 } // namespace
@@ -115,8 +117,13 @@ int listingObject(int descriptor, const std::string& path, Text& listing) {
             continue;
         }
         struct stat st;
-        if (!statListed(descriptor, path, name, st)) {
-            continue;
+        // What is broken is left out, so that the rest can be seen. But a shortage must not hide what is there.
+        if (const int missing = statListed(descriptor, path, name, st); missing != 0) {
+            if (statusOf(missing) != MHD_HTTP_SERVICE_UNAVAILABLE) {
+                continue;
+            }
+            error = -missing;
+            break;
         }
         listing += listing.back() == '[' ? "{" : ",{";
         appendMember(listing, "t", S_ISDIR(st.st_mode) ? listedDirectory : IFTODT(st.st_mode));

@@ -39,7 +39,7 @@ int openBeneath(const std::string& path, std::uint64_t flags, unsigned mode) {
             return -errno;
         }
     }
-    return -EBUSY;
+    return -EAGAIN;
 }
 
 // 0 when `path` opens with these flags, else the negated error number.
