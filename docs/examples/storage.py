@@ -12,7 +12,8 @@ from urllib.parse import unquote_to_bytes
 
 LARGEST_BODY = 1 << 20
 STATUS = {errno.ENOENT: 404, errno.ENOTDIR: 404, errno.ELOOP: 404, errno.ENAMETOOLONG: 404, errno.EEXIST: 409,
-          errno.ENOTEMPTY: 409, errno.EINVAL: 400, errno.ENOSPC: 507, errno.EDQUOT: 507}  # others: 403
+          errno.ENOTEMPTY: 409, errno.EINVAL: 400, errno.ENOSPC: 507, errno.EDQUOT: 507, errno.EACCES: 403,
+          errno.EPERM: 403, errno.EROFS: 403, errno.EISDIR: 403, errno.EBUSY: 409}  # others: 500
 IN_THE_WAY = (errno.EEXIST, errno.ENOTEMPTY, errno.EISDIR, errno.ENOTDIR)
 
 def beneath(path):  # the path, if it stays in the directory when all its links are followed
@@ -124,7 +125,10 @@ class Service(BaseHTTPRequestHandler):
             result = (400,)
         except OSError as error:
             taken = action in ("mkdir", "rename") and error.errno in IN_THE_WAY
-            result = (200, {"hc": 409}) if taken else (STATUS.get(error.errno, 403),)
+            result = (200, {"hc": 409}) if taken else (STATUS.get(error.errno, 500),)
+            if result == (500,) and action in ("", "props"):  # without a body it would look empty, or gone
+                self.close_connection = True
+                return self.reply(500, headers={"Content-Length": 1})
         self.reply(*result)
 
     do_PUT = do_GET
