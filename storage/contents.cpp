@@ -117,7 +117,7 @@ MHD_Result sendFile(MHD_Connection* connection, int& file, std::uint64_t size) {
         response = streamedBody(connection, file, range);
     }
     if (response == nullptr) {
-        return sendReadFailure(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
+        return sendStatus(connection, MHD_HTTP_INTERNAL_SERVER_ERROR);
     }
     MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream");
     MHD_add_response_header(response, MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes");
@@ -142,23 +142,26 @@ MHD_Result sendContents(MHD_Connection* connection, const std::string& path) {
     // Looked at before it is opened, because opening a pipe or a device does something to it.
     struct stat st;
     if (const int result = statInTree(path, st); result != 0) {
-        return sendReadFailure(connection, statusOf(result));
+        return sendStatus(connection, statusOf(result));
     }
     if (!S_ISREG(st.st_mode) && !S_ISDIR(st.st_mode)) {
-        return sendReadFailure(connection, MHD_HTTP_FORBIDDEN);
+        return sendStatus(connection, MHD_HTTP_FORBIDDEN);
     }
     int descriptor = openInTree(path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
     if (descriptor < 0) {
-        return sendReadFailure(connection, statusOf(descriptor));
+        return sendStatus(connection, statusOf(descriptor));
     }
     const ClosedAtEnd closed(&descriptor);
-    if (fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode)) {
+    if (fstat(descriptor, &st) != 0) {
+        return sendStatus(connection, statusOf(-errno));
+    }
+    if (S_ISREG(st.st_mode)) {
         return sendFile(connection, descriptor, st.st_size);
     }
     if (!S_ISDIR(st.st_mode)) {
-        return sendReadFailure(connection, MHD_HTTP_FORBIDDEN);
+        return sendStatus(connection, MHD_HTTP_FORBIDDEN);
     }
     Text listing;
     const int result = listingObject(std::exchange(descriptor, -1), path, listing);
-    return result == 0 ? sendJson(connection, std::move(listing)) : sendReadFailure(connection, statusOf(result));
+    return result == 0 ? sendJson(connection, std::move(listing)) : sendStatus(connection, statusOf(result));
 }

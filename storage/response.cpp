@@ -1,5 +1,7 @@
 #include "storage/response.h"
 
+#include "storage/target.h"
+
 #include <cerrno>
 #include <memory>
 #include <new>
@@ -19,6 +21,12 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
 
 // Serves all responses that are only their status, so that there is memory for it when there is none for anything else.
 MHD_Response* const bareResponse = withCommonHeaders(emptyResponse());
+
+// Told by the query alone, because there may be no memory to understand a request with.
+bool asksForContentOrAttributes(MHD_Connection* connection) {
+    const char* action = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "action");
+    return action == nullptr || action == nameOf(Action::props);
+}
 
 // The library may leave the connection of a failed body open; the client must not wait for the rest.
 ssize_t breakOff(void* context, std::uint64_t, char*, std::size_t) {
@@ -87,12 +95,8 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
 
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status) {
     lastSent = {status, 0};
-    return MHD_queue_response(connection, status, bareResponse);
-}
-
-MHD_Result sendReadFailure(MHD_Connection* connection, unsigned status) {
-    if (status < MHD_HTTP_INTERNAL_SERVER_ERROR) {
-        return sendStatus(connection, status);
+    if (status < MHD_HTTP_INTERNAL_SERVER_ERROR || !asksForContentOrAttributes(connection)) {
+        return MHD_queue_response(connection, status, bareResponse);
     }
     const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     MHD_Response* response =

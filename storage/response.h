@@ -26,12 +26,10 @@ MHD_Response* emptyResponse();
 // short, it throws std::bad_alloc.
 MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes);
 
-// A response that is only its status. The body is empty because readers take whatever body comes for file data.
+// A response that is only its status. The body is empty because readers take whatever body comes for file data. They
+// take an empty body for the end of a file or an empty directory, and a refusal of attributes for a file that is gone.
+// So from 500 on the response to these three declares a body, and the connection ends before the body comes.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
-
-// The status of a read that failed. Readers take an empty body for an empty file or its end, so from 500 on the
-// response declares a body, and the connection ends before the body comes.
-MHD_Result sendReadFailure(MHD_Connection* connection, unsigned status);
 
 // The same for a client without access: the connection ends with it.
 MHD_Result turnAway(MHD_Connection* connection, unsigned status);

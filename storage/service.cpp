@@ -138,14 +138,6 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
     return isUpload ? beginUpload(exchange.target, exchange.upload) : 0;
 }
 
-// Without memory to understand a request with, it may be one to read.
-MHD_Result sendRefusal(MHD_Connection* connection, const Exchange& exchange) {
-    if (exchange.refusal >= MHD_HTTP_INTERNAL_SERVER_ERROR && exchange.target.action == Action::plain) {
-        return sendReadFailure(connection, exchange.refusal);
-    }
-    return exchange.admitted ? sendStatus(connection, exchange.refusal) : turnAway(connection, exchange.refusal);
-}
-
 // Called once when the header is there, then with each piece of the body, then once more. A response that is given at
 // the first call ends the connection with what the client has sent of the body unread, so that the client may lose it:
 // that is for bodies whose end is in doubt or that are too long. All others are read, also those that are refused.
@@ -167,7 +159,9 @@ MHD_Result handle(MHD_Connection* connection, const char* method, const char* ve
             }
             exchange.refusal = judge(connection, method, exchange);
         } else if (isLast && wasRefused) {
-            return sendRefusal(connection, exchange);
+            return exchange.admitted || exchange.refusal >= MHD_HTTP_INTERNAL_SERVER_ERROR
+                       ? sendStatus(connection, exchange.refusal)
+                       : turnAway(connection, exchange.refusal);
         } else if (isLast) {
             return exchange.upload.file >= 0 ? endUpload(connection, exchange.target, exchange.upload)
                                              : answer(connection, exchange.target);
@@ -177,7 +171,7 @@ MHD_Result handle(MHD_Connection* connection, const char* method, const char* ve
     } catch (const std::bad_alloc&) {
         exchange.refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
         if (isLast) {
-            return sendRefusal(connection, exchange);
+            return sendStatus(connection, exchange.refusal);
         }
     }
     if (exchange.refusal != 0 && !wasRefused) {
@@ -191,7 +185,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
                      const char* data, std::size_t* size, void** context) {
     auto* exchange = static_cast<Exchange*>(*context);
     if (exchange == nullptr) {
-        return sendReadFailure(connection, MHD_HTTP_SERVICE_UNAVAILABLE);
+        return sendStatus(connection, MHD_HTTP_SERVICE_UNAVAILABLE);
     }
     const MHD_Result result = handle(connection, method, version, {data, std::exchange(*size, 0)}, *exchange);
     if (const Sent sent = takeSent(); sent.status != 0) {

@@ -356,7 +356,8 @@ class StorageTest(ServerTest):
         # No descriptor is left to open the file with; then there are some again.
         def is_starved():
             resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
-            return re.match(r"HTTP/1.1 503 (.*\r\n)+Content-Length: 1\r\n\r\n$|$", self.ask("/d/in"))
+            return all(re.match(r"HTTP/1.1 503 (.*\r\n)+Content-Length: 1\r\n\r\n$|$", self.ask("/d/in" + query))
+                       for query in ("", "?action=props"))
         until(is_starved)
         resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (4096, 4096))
         until(lambda: not difference("200 content", self.ask("/d/in")))
