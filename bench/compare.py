@@ -1,5 +1,5 @@
-"""Measures the daemon beside what a user would mount instead: every workload on a fresh mount, the systems taking
-turns. Started by bench/compare, which installs and builds what this needs."""
+"""Measures the daemon and the systems that a user could mount instead. Every workload runs on a fresh mount, and the
+systems take turns. Started by bench/compare, which installs and builds what this needs."""
 import argparse
 import concurrent.futures
 import contextlib
@@ -24,16 +24,16 @@ BLOCK = 131072
 PARALLEL = 8
 STATS = 10000
 SMALL_REQUESTS = 2000
-# How much is done near, and where every request takes its time.
-NEAR = {"read": 256 << 20, "random": 1000, "write": 256 << 20, "changes": 500, "folders": 100, "files": 100}
-FAR = {"read": 64 << 20, "random": 20, "write": 8 << 20, "changes": 10, "folders": 20, "files": 50}
+# The sizes of the workloads, without and with --rtt.
+NEAR = {"read": 256 << 20, "random": 1000, "write": 256 << 20, "changes": 500, "directories": 100, "files": 100}
+FAR = {"read": 64 << 20, "random": 20, "write": 8 << 20, "changes": 10, "directories": 20, "files": 50}
 SCALES = (25000, 50000, 100000, 200000)
-SLOW = 8  # seconds of a turn
+SLOW = 8  # a system whose turn takes more seconds than this gets one turn only
 
 data = None  # what all servers serve
 amount = NEAR
 results = {}
-block = os.urandom(BLOCK)  # what is written, in pieces as long as those of cp
+block = os.urandom(BLOCK)  # written again and again; as long as the writes of cp
 stored = {}  # metric -> whether all of it was on the server when the last call returned
 changes_made = {}  # metric -> requests that the daemon makes for it
 programs = {}  # system -> files of its programs and of those that measure it
@@ -57,13 +57,14 @@ def timed(work, *words):
 
 def fio(files, kind, *options):
     """Seconds that fio takes for the files, each in a thread of its own."""
-    lines = output_of("fio", "--name=load", f"--filename_format={files}", f"--rw={kind}", "--thread", "--fadvise_hint=0", *options,
-                      "--group_reporting", "--verify_state_save=0", "--output-format=json")
+    lines = output_of("fio", "--name=load", f"--filename_format={files}", f"--rw={kind}", "--thread",
+                      "--fadvise_hint=0", *options, "--group_reporting", "--verify_state_save=0",
+                      "--output-format=json")
     return json.loads("".join(lines))["jobs"][0]["read"]["runtime"] / 1000
 
 
 def note_stored(metric, sizes):
-    """Looks at what the server has of the files that were written; sizes by name."""
+    """Notes whether the server has all that was written; `sizes` are those of the files, by name."""
     stored[metric] = {entry.name: entry.stat().st_size for entry in os.scandir(data / "work")} == sizes
 
 
@@ -73,19 +74,19 @@ def write_file(path, size):
             file.write(block[:size - position])
 
 
-def create(folder, count, size=4096):
+def create(directory, count, size=4096):
     for i in range(count):
-        write_file(folder / f"f{i}", size)
+        write_file(directory / f"f{i}", size)
 
 
-def rename(folder, count):
+def rename(directory, count):
     for i in range(count):
-        os.rename(folder / f"f{i}", folder / f"r{i}")
+        os.rename(directory / f"f{i}", directory / f"r{i}")
 
 
-def remove(folder, count):
+def remove(directory, count):
     for i in range(count):
-        os.unlink(folder / f"r{i}")
+        os.unlink(directory / f"r{i}")
 
 
 def curl(requests, good=(200, 204, 206)):
@@ -98,29 +99,31 @@ def curl(requests, good=(200, 204, 206)):
         blocks.append(f'url = "{url}"\noutput = /dev/null\nwrite-out = "%{{time_total}} %{{http_code}}\\n"\n' + (
             f'upload-file = {body}\nheader = "Content-Type: application/octetstream"\nexpect100-timeout = 0.001\n'
             if method == "PUT" else f"range = {last.strip()}\n" if last.strip() else ""))
-    lines = [line.split() for line in output_of("curl", "-q", "-sS", "-K", "-", input="next\n".join(blocks))] if blocks else []
-    if lines and int(lines[-1][1]) not in good:
+    if not blocks:
+        return 0
+    lines = [line.split() for line in output_of("curl", "-q", "-sS", "-K", "-", input="next\n".join(blocks))]
+    if int(lines[-1][1]) not in good:
         raise RuntimeError(f"status {lines[-1][1]} for {requests[-1]}")
     return sum(float(seconds) for seconds, _ in lines)
 
 
-# Workloads: each gets the folder of a mount, or None for plain libcurl, and gives seconds by metric.
+# Workloads: each takes the directory of a mount, or None for curl, and returns seconds by metric.
 
 
-def find(folder):
-    return timed(lambda: subprocess.run(["find", folder, "-ls"], stdout=subprocess.DEVNULL, check=True))
+def find(directory):
+    return timed(lambda: subprocess.run(["find", directory, "-ls"], stdout=subprocess.DEVNULL, check=True))
 
 
-def find_twice(folder):
-    return {"cold find": find(folder / "tree"), "warm find": find(folder / "tree")}
+def find_twice(directory):
+    return {"cold find": find(directory / "tree"), "warm find": find(directory / "tree")}
 
 
-def large_directory(folder):
-    return {"large": find(folder / "entries50000")}
+def large_directory(directory):
+    return {"large": find(directory / "entries50000")}
 
 
-def warm_stat(folder):
-    paths = [folder / "tree" / "d0" / f"f{i}" for i in range(amount["files"])]
+def warm_stat(directory):
+    paths = [directory / "tree" / "d0" / f"f{i}" for i in range(amount["files"])]
     stat = lambda count: [os.stat(paths[i % len(paths)]) for i in range(count)]
     stat(len(paths))
     return {"stat": timed(stat, STATS)}
@@ -130,26 +133,27 @@ def read_ranges(size, block):
     return [f"GET {urls['storage']}data/big {first}-{first + block - 1}" for first in range(0, size, block)]
 
 
-def sequential_read(folder, *options):
-    if not folder:
+def sequential_read(directory, *options):
+    if not directory:
         return {"read": curl(read_ranges(amount["read"], BLOCK))}
-    return {"read": fio(folder / "data" / "big", "read", "--bs=128k", *options)}
+    return {"read": fio(directory / "data" / "big", "read", "--bs=128k", *options)}
 
 
-def parallel_readers(folder, *options):
-    return {"readers": fio(folder / "data" / "f$jobnum", "read", "--bs=128k", f"--numjobs={PARALLEL}", *options)}
+def parallel_readers(directory, *options):
+    return {"readers": fio(directory / "data" / "f$jobnum", "read", "--bs=128k", f"--numjobs={PARALLEL}", *options)}
 
 
-def random_reads(folder, *options):
-    if not folder:
-        # The server has the file in memory; the places do not matter to it.
+def random_reads(directory, *options):
+    if not directory:
+        # The server has the file in memory, so the order of the reads makes no difference.
         return {"random": curl(read_ranges(amount["random"] * 4096, 4096))}
-    return {"random": fio(folder / "data" / "big", "randread", "--bs=4k", f"--number_ios={amount['random']}", *options)}
+    return {"random": fio(directory / "data" / "big", "randread", "--bs=4k", f"--number_ios={amount['random']}",
+                          *options)}
 
 
-def sequential_write(folder):
-    if folder:
-        seconds = timed(write_file, folder / "work" / "big", amount["write"])
+def sequential_write(directory):
+    if directory:
+        seconds = timed(write_file, directory / "work" / "big", amount["write"])
         note_stored("write", {"big": amount["write"]})
         return {"write": seconds}
     (data / "work" / "big").touch()
@@ -157,23 +161,23 @@ def sequential_write(folder):
                            for offset in range(0, amount["write"], BLOCK)])}
 
 
-def parallel_writers(folder):
+def parallel_writers(directory):
     sizes = {f"f{i}": amount["write"] // PARALLEL for i in range(PARALLEL)}
     with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
-        seconds = timed(lambda: list(pool.map(lambda name: write_file(folder / "work" / name, sizes[name]), sizes)))
+        seconds = timed(lambda: list(pool.map(lambda name: write_file(directory / "work" / name, sizes[name]), sizes)))
     note_stored("writers", sizes)
     return {"writers": seconds}
 
 
-def changes(folder):
-    if not folder:
+def changes(directory):
+    if not directory:
         # A removal ends with the question whether the file is still there.
         seconds = {metric: curl(requests, (200, 404)) for metric, requests in traced_requests().items()}
         return {**seconds, **small_requests(None)}
     count = amount["changes"]
     seconds = {}
     for work, left in ((create, "f"), (rename, "r"), (remove, None)):
-        seconds[work.__name__] = timed(work, folder / "work", count)
+        seconds[work.__name__] = timed(work, directory / "work", count)
         note_stored(work.__name__, {f"{left}{i}": 4096 for i in range(count)} if left else {})
     stored["remove"] &= stored["rename"]
     return seconds
@@ -185,7 +189,7 @@ def small_requests(_):
 
 
 def growth(count):
-    return lambda folder: {f"{count} entries": find(folder / f"entries{count}")}
+    return lambda directory: {f"{count} entries": find(directory / f"entries{count}")}
 
 
 ALTERNATIVES = ("rclone", "davfs2", "sshfs")
@@ -214,10 +218,10 @@ def traced_requests():
     if changes_made:
         return changes_made
     log = systems.work / "trace"
-    with mounted("kelvane", log=log) as (folder, _, _):
+    with mounted("kelvane", log=log) as (directory, _, _):
         for work in (create, rename, remove):
             before = log.stat().st_size
-            work(folder / "work", amount["changes"])
+            work(directory / "work", amount["changes"])
             trace = log.read_text()[before:]
             pattern = r"^getURL: url: (\S+)|^kelvane_write: path: /(\S+) size: (\d+) offset: (\d+)"
             changes_made[work.__name__] = [
@@ -242,7 +246,7 @@ def make_data(names):
     fio(data / "data" / "big", "write", f"--size={amount['read']}", *lay)
     fio(data / "data" / "f$jobnum", "write", f"--size={amount['read'] // PARALLEL}", f"--numjobs={PARALLEL}", *lay)
     (data / "data" / "small").write_bytes(block[:90])
-    for i in range(amount["folders"]):
+    for i in range(amount["directories"]):
         (data / "tree" / f"d{i}").mkdir()
         create(data / "tree" / f"d{i}", amount["files"], 1)
     for count in SCALES:
@@ -254,7 +258,7 @@ def make_data(names):
 def drop_caches(system):
     with contextlib.suppress(OSError):
         pathlib.Path("/proc/sys/vm/drop_caches").write_text("3")
-    # The programs themselves are not what is measured.
+    # Reading the programs from disk must not be measured.
     for name in programs.get(system, ()):
         pathlib.Path(name).read_bytes()
 
@@ -264,19 +268,19 @@ def add(table, row, system, value):
 
 
 def measure(workload, system):
-    """One turn of one system; gives what to show as progress."""
+    """One turn of one system; returns the text to show as progress."""
     run = WORKLOADS[workload][0]
     clear_work()
     stored.clear()
     if system == "curl":
         seconds = run(None)
     else:
-        # A start from a cold disk would be the disk's time.
+        # With cold caches a start would measure the disk.
         if workload != "start":
             drop_caches(system)
-        with mounted(system, workload == "stat") as (folder, process, first):
+        with mounted(system, workload == "stat") as (directory, process, first):
             before = systems.usage(process)[0] if workload != "start" else 0
-            seconds = run(folder)
+            seconds = run(directory)
             if workload == "start":
                 seconds = {"start": first}
             cpu, peak, resident = systems.usage(process)
@@ -296,7 +300,7 @@ def measure(workload, system):
 
 
 def probe(wanted):
-    """Those that can be mounted here, and read what is on the server."""
+    """The systems that can be mounted here and that read correctly what is on the server."""
     check = ("--verify=crc32c", "--verify_interval=4096", "--verify_fatal=1", f"--size={4 << 20}")
     usable = []
     for system in wanted:
@@ -305,10 +309,10 @@ def probe(wanted):
             if server is not None and server not in urls:
                 raise RuntimeError(f"{server} is not there")
             if command is not None:
-                with mounted(system) as (folder, process, _):
+                with mounted(system) as (directory, process, _):
                     programs[system] = systems.files_in_use(process) | {shutil.which("find"), shutil.which("fio")}
                     for read in (sequential_read, parallel_readers, random_reads):
-                        read(folder, *check)
+                        read(directory, *check)
             usable.append(system)
         except (OSError, RuntimeError, subprocess.SubprocessError) as error:
             say(f"without {system}: {error}")
@@ -328,7 +332,7 @@ def machine(rounds, rtt):
 
 
 def turn_of(workload, system):
-    """What to show of a turn; systems that take very long at something do it once."""
+    """The text to show for a turn; a system that takes very long at a workload gets one turn only."""
     if (workload, system) in slow:
         return None
     start = time.perf_counter()
@@ -372,7 +376,8 @@ def main():
     parser.add_argument("--only", metavar="WORKLOAD,..", help=", ".join(WORKLOADS))
     parser.add_argument("--systems", metavar="SYSTEM,..", help=", ".join(SYSTEMS))
     parser.add_argument("--rtt", type=float, metavar="MS", default=0,
-                        help="hold every byte back for half of this each way; does less, and only what a network changes")
+                        help="put a relay with this round trip between the systems and their servers; measures only "
+                             "the workloads that depend on it, with smaller sizes")
     parser.add_argument("--before", type=pathlib.Path, metavar="DIRECTORY",
                         help="with an earlier kelvane_vfs, an earlier kelvane_storage or both, measured as well")
     parser.add_argument("--quick", action="store_true", help="one round, without the largest directories")
@@ -406,7 +411,7 @@ def main():
             systems.start_servers(stack, say, args.rtt)
             run_all(names, wanted, 1 if args.quick else args.rounds, args.rtt)
     finally:
-        # Never through a mount that would not go away.
+        # Never through a mount that could not be unmounted.
         subprocess.run(["rm", "-rf", "--one-file-system", work])
     report.write(results, args.output or args.build / "results",
                  pathlib.Path(__file__).parent.parent / "docs" if args.write_docs else None)

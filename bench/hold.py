@@ -1,5 +1,5 @@
-"""Starts a mount and stays its parent, also when it goes to the background, so that whoever started this can find its
-processes: prints the seconds to the first listing, and ends with the last of them. hold.py MOUNT_POINT COMMAND ..."""
+"""hold.py MOUNT_POINT COMMAND ...: starts a mount and prints the seconds to the first listing. It stays the parent of
+the mount's processes, also when they go to the background, so that its caller can find them. It ends with the last."""
 import contextlib
 import ctypes
 import os

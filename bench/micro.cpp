@@ -1,6 +1,6 @@
-// The inner parts that every request goes through, one by one. Run by hand:
+// Measures the inner parts that every request uses, one by one. Run by hand:
 //   build/bench/kelvane_micro [--benchmark_filter=REGEX ...]
-// The trace goes to nowhere, as it does with a daemon in the background.
+// The trace goes to /dev/null, as it does with a daemon in the background.
 #include "cache/dir_entry.h"
 #include "cache/life.h"
 #include "cache/path_lookup.h"
@@ -35,7 +35,7 @@ constexpr int deepest = 32;
 constexpr int mostEntries = 100000;
 constexpr time_t aDay = 86400;
 
-// What the next listing request is answered with, in the place of a request; null to ask the service.
+// The reply that a listing gets instead of a request; null to ask the service.
 const std::string* listingReply = nullptr;
 
 struct stat attributes(mode_t mode) {
@@ -54,7 +54,7 @@ DirEntry* addDirectory(DirEntry* parent, const std::string& name) {
     return entry;
 }
 
-// A folder with many names, and a chain of folders: "/a name/a name/...".
+// A directory with many names, and a chain of directories: "/a name/a name/...".
 void fillCache() {
     const struct stat st = attributes(S_IFREG);
     dirEntryTop->fetchTime = std::time(nullptr) + aDay; // never overdue here
@@ -120,7 +120,7 @@ void spellPath(benchmark::State& state) {
 }
 BENCHMARK(spellPath)->RangeMultiplier(2)->Range(1, deepest)->Complexity();
 
-// A reply turned into the records of a folder.
+// A reply turned into the records of a directory.
 void takeListing(benchmark::State& state) {
     const std::string json = listingOf(state.range(0));
     const struct stat st = attributes(S_IFDIR);
@@ -150,7 +150,7 @@ BENCHMARK(requestAttributes)->UseRealTime();
 void requestRange(benchmark::State& state) {
     const std::string range = "Range: bytes=0-" + std::to_string(state.range(0) - 1);
     for ([[maybe_unused]] auto _ : state) {
-        std::string header = range; // it is taken apart
+        std::string header = range; // getURL changes it
         std::size_t received = 0;
         std::free(getURL("/file", nullptr, &received, header.data(), nullptr));
         if (received != static_cast<std::size_t>(state.range(0))) {
@@ -177,16 +177,16 @@ int main(int argc, char* argv[]) {
     }
     __gnu_cxx::stdio_filebuf<char> results(dup(STDOUT_FILENO), std::ios::out);
     std::ostream terminal(&results);
-    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    dup2(nowhere, STDOUT_FILENO);
-    dup2(nowhere, STDERR_FILENO);
+    const int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    dup2(devNull, STDOUT_FILENO);
+    dup2(devNull, STDERR_FILENO);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 
-    char folder[] = "/tmp/kelvane-micro-XXXXXX";
-    if (mkdtemp(folder) == nullptr || openTree(folder, false) != 0) {
+    char directory[] = "/tmp/kelvane-micro-XXXXXX";
+    if (mkdtemp(directory) == nullptr || openTree(directory, false) != 0) {
         return 1;
     }
-    std::ofstream(std::string(folder) + "/file") << std::string(fileSize, 'x');
+    std::ofstream(std::string(directory) + "/file") << std::string(fileSize, 'x');
     sockaddr_in address = {};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -210,6 +210,6 @@ int main(int argc, char* argv[]) {
 
     DirDestroy();
     cleanupCurlHandle(getCurlHandle());
-    std::filesystem::remove_all(folder);
+    std::filesystem::remove_all(directory);
     return 0;
 }

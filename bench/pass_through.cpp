@@ -1,5 +1,5 @@
-// A local directory through the FUSE library and nothing else: what every mount of this kind costs at least. It asks
-// for the same request sizes as the daemon and takes the same options.
+// Mounts a local directory through the FUSE library and does nothing else: every mount of this kind costs at least this
+// much. It asks for the same request sizes as the daemon and takes the same options.
 //   pass_through DIRECTORY [FUSE options ...] MOUNT_POINT
 #define FUSE_USE_VERSION 26
 #include <fuse.h>

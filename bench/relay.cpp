@@ -1,8 +1,8 @@
-// A distance on one machine: hands TCP connections on and holds every byte back for half a round trip each way.
+// Simulates distant servers on one machine: relays TCP connections and delays every byte by half a round trip.
 //   relay MILLISECONDS PORT ...   prints a line "PORT NEW_PORT" for each server, all on 127.0.0.1, and serves until it
 //   is ended
-// A connection costs a round trip, as it does on a real network, and what is under way in one direction of it is
-// limited to what the kernel's largest TCP window holds. Bandwidth is not limited, and no packet gets lost.
+// A new connection costs a round trip, as on a real network. No more bytes are under way in one direction of it than
+// the kernel's largest TCP window holds. Bandwidth is not limited, and no packet is lost.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
@@ -35,7 +35,7 @@ struct Piece {
     std::vector<char> bytes; // none: the end
 };
 
-// One direction of a connection: what is under way in it.
+// One direction of a connection, with the bytes that are under way in it.
 struct Line {
     std::shared_ptr<int> from;
     std::shared_ptr<int> to;

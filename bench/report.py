@@ -21,7 +21,8 @@ TITLES = {  # by metric: what is timed
 }
 LIMITS = ("pass-through", "curl")
 COLOURS = {"kelvane": "#1b6ca8", "before": "#b0c4d8", "kelvane -s": "#7fb2d9", "rclone": "#d1495b",
-           "rclone-writes": "#e8a0a9", "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3", "curl": "#44475a"}
+           "rclone-writes": "#e8a0a9", "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3",
+           "curl": "#44475a"}
 MEBIBYTE = 1 << 20
 
 
@@ -39,8 +40,8 @@ def ratio(upper, lower):
 
 
 def paired(results, upper, lower):
-    """The median of the ratios of each round, which were measured next to each other; upper and lower are (metric,
-    system)."""
+    """The median of the ratios of each round, whose times were measured one after the other; upper and lower are
+    (metric, system)."""
     above, below = (results["seconds"].get(metric, {}).get(system, []) for metric, system in (upper, lower))
     if len(above) != len(below):
         return ratio(seconds(results, *upper), seconds(results, *lower))
@@ -63,8 +64,8 @@ def systems_of(results):
 def title(results, metric):
     amount = results["amount"]
     read, write = (amount[what] // MEBIBYTE for what in ("read", "write"))
-    return TITLES[metric].format(all_files=amount["folders"] * amount["files"], read=read, reader=read // 8, write=write,
-                                 writer=write // 8, random=amount["random"], changes=amount["changes"])
+    return TITLES[metric].format(all_files=amount["directories"] * amount["files"], read=read, reader=read // 8,
+                                 write=write, writer=write // 8, random=amount["random"], changes=amount["changes"])
 
 
 def mark(results, metric, system):
@@ -91,7 +92,8 @@ def times_table(results):
 def usage_table(results):
     systems = [system for system in systems_of(results) if system != "curl"]
     mebibytes = lambda *of: f"{middle(results, *of) / MEBIBYTE:.0f}"
-    cell = lambda *of: f"{middle(results, 'cpu', *of):.2f} s, {mebibytes('resident', *of)} / {mebibytes('peak', *of)} MiB"
+    cell = lambda *of: (f"{middle(results, 'cpu', *of):.2f} s, "
+                        f"{mebibytes('resident', *of)} / {mebibytes('peak', *of)} MiB")
     rows = [[workload, *(cell(workload, system) if system in by_system else "" for system in systems)]
             for workload, by_system in results.get("cpu", {}).items()]
     return table(["CPU time, memory: resident afterwards / peak", *systems], rows)
@@ -133,7 +135,7 @@ def goals(results):
     beside_best("large", "<")
     sizes = sorted(int(metric.split()[0]) for metric in results["seconds"] if metric.endswith(" entries"))
     if len(sizes) > 1:
-        # The smallest times: other work on the machine only ever adds to the few there are.
+        # The smallest times, because other work on the machine only adds to them.
         grown = ratio(*(min(results["seconds"][f"{size} entries"]["kelvane"]) for size in (sizes[-1], sizes[0])))
         goal(f"time per entry, {sizes[-1]:,} : {sizes[0]:,}", ratio(grown, sizes[-1] / sizes[0]), "<=", 1.15)
     goal("sequential read, speed : curl", ratio(1, beside("read", "curl")), ">=", 0.8)
@@ -144,12 +146,14 @@ def goals(results):
     samples = lambda metric, system: results["seconds"].get(metric, {}).get(system, [])
     for metric, requests in results.get("requests", {}).items():
         for what, metric_of_curl, portion in (
-                (f"{requests / results['amount']['changes']:.2g} small requests", "small storage", requests / results["small requests"]),
+                (f"{requests / results['amount']['changes']:.2g} small requests", "small storage",
+                 requests / results["small requests"]),
                 ("the same requests by curl", metric, 1)):
             beyond = [(own - base) / (portion * plain) for own, base, plain in zip(
                 samples(metric, "kelvane"), samples(metric, "pass-through"), samples(metric_of_curl, "curl"))]
             goal(f"{metric} beyond pass-through : {what}", statistics.median(beyond) if beyond else None, "<=", 1.2)
-    goal("small request, kelvane_storage : nginx", paired(results, ("small storage", "curl"), ("small nginx", "curl")), "<=", 1)
+    goal("small request, kelvane_storage : nginx",
+         paired(results, ("small storage", "curl"), ("small nginx", "curl")), "<=", 1)
     beside_best("random", "<")
     goal("start to first listing", ratio(seconds(results, "start"), 0.001), "<=", 10, " ms")
     goal("CPU time of reading 256 MiB", middle(results, "cpu", "read"), "<=", 0.25, " s")
@@ -170,7 +174,8 @@ def goals_table(results):
 def notes(results):
     machine = results["machine"]
     lines = [f"{machine['date']}: {machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; "
-             f"{machine['rounds']} rounds; load average at the start {machine['load']:.1f}. {', '.join(machine['versions'])}.",
+             f"{machine['rounds']} rounds; load average at the start {machine['load']:.1f}. "
+             f"{', '.join(machine['versions'])}.",
              "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster. "
              "\\*: not everything was on the server when the last call returned."]
     if not machine["dropped"]:
@@ -217,8 +222,8 @@ def chart(results):
                       f'<text x="{left - 45 + index * 108}" y="34">{system}</text>')
     return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {left + width + 60} {y + 6}" '
             'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" fill="white"/>\n'
-            f'<text x="10" y="18" font-size="14">Time relative to kelvane_vfs, {place_of(results)}: right of 1× kelvane_vfs '
-            'is faster; a bar with a gap is cut; *: not all of it had arrived</text>\n'
+            f'<text x="10" y="18" font-size="14">Time relative to kelvane_vfs, {place_of(results)}: right of 1× '
+            'kelvane_vfs is faster; a bar with a gap is cut; *: not all of it had arrived</text>\n'
             + "\n".join(shapes) + "\n</svg>\n")
 
 
@@ -231,9 +236,9 @@ def write(results, output, docs):
              "goals": goals_table(results) + "\n" + usage_table(results)}
     place = place_of(results)
     chart_name = "performance.svg" if place == "near" else f"performance-{place.split()[0]}ms.svg"
-    for folder in filter(None, (output, docs)):
-        folder.mkdir(parents=True, exist_ok=True)
-        (folder / chart_name).write_text(chart(results))
+    for directory in filter(None, (output, docs)):
+        directory.mkdir(parents=True, exist_ok=True)
+        (directory / chart_name).write_text(chart(results))
     (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
     (output / "results.md").write_text("\n".join(texts.values()))
     print(*texts.values(), f"results: {output}", sep="\n")

@@ -12,10 +12,10 @@ import subprocess
 import sys
 import time
 
-build = None  # folder of the programs that are built here
-work = None  # everything that a run makes lies below this folder
+build = None  # directory of the programs that are built here
+work = None  # everything that a run makes lies below this directory
 data = None  # what all servers serve
-before = None  # folder of earlier programs
+before = None  # directory of earlier programs
 urls = {}  # server -> where it serves
 mount_numbers = itertools.count()
 
@@ -28,7 +28,7 @@ def earlier(name):
     return before / name if (before / name).exists() else tool(name)
 
 
-# Ending: what would leave something behind is not cut in two, and the clean-up is not interrupted.
+# Signals: a step that would leave something behind is finished first, and the clean-up is not interrupted.
 
 ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
 shields = 0
@@ -46,14 +46,14 @@ def end(number, _):
 
 @contextlib.contextmanager
 def shielded():
-    """Puts the end by a signal off until the work is done."""
+    """Delays the end by a signal until the work is done."""
     global shields, ended_by
     shields += 1
     try:
         yield
     finally:
         shields -= 1
-        # Once: the clean-up that this begins has shields of its own.
+        # Only once, because the clean-up that follows uses this function as well.
         if shields == 0 and ended_by != 0:
             number, ended_by = ended_by, 0
             sys.exit(128 + number)
@@ -63,12 +63,13 @@ def shielded():
 
 
 def launch(command, log, **options):
-    return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stderr=log, start_new_session=True,
-                            env={**os.environ, "HOME": str(work), "LC_ALL": "C.UTF-8"}, **options)
+    return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stderr=log,
+                            start_new_session=True, env={**os.environ, "HOME": str(work), "LC_ALL": "C.UTF-8"},
+                            **options)
 
 
 def fields_of(pid):
-    """What /proc says of a process, from its state on."""
+    """The fields of /proc/PID/stat, from the state of the process on."""
     return pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
 
 
@@ -115,26 +116,26 @@ def files_in_use(process):
     return set(filter(os.path.isfile, names))
 
 
-# Servers: one of each for the whole run, all on the same folder.
+# Servers: one of each for the whole run, all on the same directory.
 
 
-def start_storage(folder, _, log, program=None):
+def start_storage(directory, _, log, program=None):
     server = launch([program or tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
-    urls[folder.name] = server.stdout.readline().strip()
+    urls[directory.name] = server.stdout.readline().strip()
     return server
 
 
-def start_before(folder, port, log):
-    return start_storage(folder, port, log, earlier("kelvane_storage"))
+def start_before(directory, port, log):
+    return start_storage(directory, port, log, earlier("kelvane_storage"))
 
 
-def start_nginx(folder, port, log):
+def start_nginx(directory, port, log):
     kinds = ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-    (folder / "nginx.conf").write_text(f"""
+    (directory / "nginx.conf").write_text(f"""
 {"user root;" if os.getuid() == 0 else ""}
 worker_processes auto;
 daemon off;
-pid {folder}/pid;
+pid {directory}/pid;
 load_module /usr/lib/nginx/modules/ngx_http_dav_ext_module.so;
 events {{}}
 http {{
@@ -143,7 +144,7 @@ http {{
     tcp_nopush on;
     keepalive_requests 1000000;
     client_max_body_size 0;
-    {" ".join(f"{kind}_temp_path {folder}/{kind};" for kind in kinds)}
+    {" ".join(f"{kind}_temp_path {directory}/{kind};" for kind in kinds)}
     server {{
         listen 127.0.0.1:{port};
         root {data};
@@ -153,32 +154,32 @@ http {{
 }}
 """)
     urls["nginx"] = f"http://127.0.0.1:{port}/"
-    return launch(["nginx", "-c", folder / "nginx.conf", "-e", folder / "error.log"], log)
+    return launch(["nginx", "-c", directory / "nginx.conf", "-e", directory / "error.log"], log)
 
 
-def start_sshd(folder, port, log):
-    folder.chmod(0o700)
+def start_sshd(directory, port, log):
+    directory.chmod(0o700)
     for name in ("host", "user"):
-        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / name], check=True)
-    (folder / "sshd_config").write_text(f"""
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / name], check=True)
+    (directory / "sshd_config").write_text(f"""
 Port {port}
 ListenAddress 127.0.0.1
-HostKey {folder}/host
+HostKey {directory}/host
 PidFile none
 UsePAM no
 StrictModes no
 PermitRootLogin yes
-AuthorizedKeysFile {folder}/user.pub
+AuthorizedKeysFile {directory}/user.pub
 Subsystem sftp internal-sftp
 """)
     urls["sshd"] = f"127.0.0.1:{port}"
-    (folder / "ssh_config").write_text(f"""
-IdentityFile {folder}/user
+    (directory / "ssh_config").write_text(f"""
+IdentityFile {directory}/user
 StrictHostKeyChecking no
 UserKnownHostsFile /dev/null
 BatchMode yes
 """)
-    return launch([shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", folder / "sshd_config"], log)
+    return launch([shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", directory / "sshd_config"], log)
 
 
 def free_port():
@@ -196,7 +197,7 @@ def wait_for_port(port):
 
 
 def hold_back(stack, milliseconds):
-    """Puts every server behind a relay that makes it distant."""
+    """Puts a relay before every server, which makes the server distant."""
     ports = {name: re.search(r"127\.0\.0\.1:(\d+)", url)[1] for name, url in urls.items()}
     relay = launch([tool("relay"), milliseconds, *ports.values()], None, stdout=subprocess.PIPE, text=True)
     stack.callback(stop, relay)
@@ -212,13 +213,13 @@ def start_servers(stack, say, rtt):
     if before:
         starts["before"] = start_before
     for name, start in starts.items():
-        folder = work / name
-        folder.mkdir()
+        directory = work / name
+        directory.mkdir()
         port = free_port()
-        log = stack.enter_context(open(folder / "log", "w"))
+        log = stack.enter_context(open(directory / "log", "w"))
         try:
             with shielded():
-                stack.callback(stop, start(folder, port, log))
+                stack.callback(stop, start(directory, port, log))
             if name not in ("storage", "before"):
                 wait_for_port(port)
         except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
@@ -257,9 +258,9 @@ def rclone(point, uncached, mode="off"):
 def davfs2(point, _):
     cache = work / f"cache{point.name}"
     cache.mkdir()
-    cache.chmod(0o777)  # it gives up root's rights
+    cache.chmod(0o777)  # davfs2 gives up root's rights
     settings = work / "davfs2.conf"
-    # With its own buffer of 16 KiB it fails to list folders for newer kernels, which ask for more at once.
+    # With its own buffer of 16 KiB it fails to list directories for newer kernels, which ask for more at once.
     settings.write_text(f"cache_dir {cache}\ncache_size 2048\nuse_locks 0\ndelay_upload 0\nask_auth 0\nbuf_size 256\n")
     settings.chmod(0o600)
     return ["mount.davfs", "-o", f"conf={settings}", urls["nginx"], point]
@@ -302,7 +303,7 @@ def unmount(point, process):
 
 @contextlib.contextmanager
 def mounted(system, uncached=False, log=None):
-    """A fresh mount; gives its folder, the process that holds it and the seconds to its first listing."""
+    """A fresh mount; gives its directory, the process that holds it and the seconds to its first listing."""
     point = work / "mounts" / str(next(mount_numbers))
     point.mkdir(parents=True)
     is_ours = system in ("kelvane", "kelvane -s", "before")

@@ -43,7 +43,7 @@ trap 'exit 143' TERM
 has_fuse() { [ -c /dev/fuse ] && { : <>/dev/fuse; } 2>/dev/null; }
 
 # Runs a command as a job in a process group of its own, so that a signal to this script is handled at once. On a
-# terminal, what the function PROGRESS prints is shown meanwhile: run_job PROGRESS COMMAND...
+# terminal it shows meanwhile what the function PROGRESS prints: run_job PROGRESS COMMAND...
 run_job() {
     local progress=$1 status
     shift
@@ -83,13 +83,15 @@ need_packages() {
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || fail "only root can install packages, and sudo is not there; run this as root:
+        command -v sudo >/dev/null ||
+            fail "only root can install packages, and sudo is missing; run this as root:
 apt-get install --no-install-recommends ${missing[*]}"
         root=(sudo)
     fi
     mkdir -p "$logs"
-    "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c \
-        'apt-get update -q && exec apt-get install -qy --no-install-recommends "$@"' sh "${missing[@]}" 2>&1 </dev/null |
+    # shellcheck disable=SC2016
+    local install='apt-get update -q && exec apt-get install -qy --no-install-recommends "$@"'
+    "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c "$install" sh "${missing[@]}" 2>&1 </dev/null |
         if [ -t 1 ]; then tee "$log"; else cat >"$log"; fi
     [ "${PIPESTATUS[0]}" -eq 0 ] ||
         { tail -n 5 "$log" >&2; fail "the packages cannot be installed; the whole output is in $log"; }

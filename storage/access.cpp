@@ -31,7 +31,7 @@ struct User {
 std::mutex usersMutex;
 std::vector<User> users; // guarded by usersMutex; empty where nobody needs a name
 
-// What a request's headers tell of its sender.
+// What the headers of a request say about its sender.
 struct Headers {
     const AccessOptions& options;
     unsigned refusal = 0;
@@ -39,7 +39,7 @@ struct Headers {
     std::string_view credentials;
 };
 
-// Takes as long for every `expected` of one length.
+// Compares in constant time: how long it takes depends only on the lengths.
 bool isSame(std::string_view given, std::string_view expected) {
     return given.size() == expected.size() && gnutls_memcmp(given.data(), expected.data(), given.size()) == 0;
 }
@@ -53,7 +53,8 @@ bool isAddress(int family, std::string_view text) {
     return inet_pton(family, std::string(text).c_str(), address) == 1;
 }
 
-// The owner of a web page can make a host name lead to this machine. Requests from the page then carry that name.
+// True for an address and for a name of this server. The owner of a web page can make a host name of his own lead to
+// this machine; requests from the page then carry that name.
 bool isOwnHost(const AccessOptions& options, std::string_view host) {
     const std::size_t colon = host.rfind(':');
     if (colon != std::string_view::npos && host.find_first_not_of("0123456789", colon + 1) == std::string_view::npos) {
@@ -154,7 +155,7 @@ std::string readFile(const std::string& name, bool isPrivate, std::string& text)
 std::string makeSecret(std::string& secret) {
     unsigned char random[secretLength];
     if (getrandom(random, sizeof random, 0) != sizeof random) {
-        return "no random numbers to be had";
+        return "no random numbers are available";
     }
     // The last of 22 characters carries the last two of 128 bits.
     random[secretLength - 1] &= 0x30;

@@ -1,4 +1,4 @@
-// Who may do what: browsers are refused, everybody else has to know the secret, or a name and its password.
+// Who may do what: browsers are refused, everybody else has to know the secret, or a name and its password, or both.
 #pragma once
 
 #include <microhttpd.h>
@@ -19,17 +19,18 @@ struct Visitor {
     bool readOnly = true;
 };
 
-// Judges a request by its request line's target as it arrived and by its headers, before anything is opened: 0 and who
-// sent it, or the HTTP status that refuses it. The answer does not depend on how much of the secret was right.
+// Checks the headers of a request and `text`, the target of its request line as it arrived, before anything is opened.
+// Returns 0 with the sender in `visitor`, or the HTTP status that refuses the request. The time that the check takes
+// does not depend on how much of the secret was right.
 unsigned admit(MHD_Connection* connection, const AccessOptions& options, std::string_view text, Visitor& visitor);
 
-// The functions below return an empty text, or what is wrong in words.
+// The functions below that return a text return an empty one, or say in words what is wrong.
 
 // Reads a file that is not empty. A private one must not be readable by others than its owner and group.
 std::string readFile(const std::string& name, bool isPrivate, std::string& text);
 
-// A new secret, 128 random bits as 22 characters. With a file name: the one that the file holds; a file that is not
-// there is made, with mode 0600.
+// Makes a new secret, 128 random bits as 22 characters. `keepSecret` takes the secret that `file` holds; if the file is
+// not there, it makes the file, with mode 0600 and a new secret.
 std::string makeSecret(std::string& secret);
 std::string keepSecret(const std::string& file, std::string& secret);
 

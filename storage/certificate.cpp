@@ -15,8 +15,8 @@ struct Certificate {
     gnutls_privkey_t key = nullptr;
 };
 
-// Handshakes that have begun go on with the one before, so none is released, not even at the end: a renewal costs a few
-// kilobytes.
+// A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
+// few kilobytes.
 std::list<Certificate>& certificates = *new std::list<Certificate>;
 std::atomic<Certificate*> current;
 

@@ -5,10 +5,10 @@
 #include <string>
 
 // Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. Returns an
-// empty text, or what is wrong in words; the one read before then stays in use.
+// empty text. If something is wrong, it says in words what, and the certificate that was read before stays in use.
 std::string readCertificate(const std::string& certificateFile, const std::string& keyFile);
 
-// For MHD_OPTION_HTTPS_CERT_CALLBACK: what was read last.
+// The callback for MHD_OPTION_HTTPS_CERT_CALLBACK: gives the certificate that was read last.
 int chooseCertificate(gnutls_session_t session, const gnutls_datum_t* authorities, int authorityCount,
                       const gnutls_pk_algorithm_t* algorithms, int algorithmCount, gnutls_pcert_st** chain,
                       unsigned* chainLength, gnutls_privkey_t* key);

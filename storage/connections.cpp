@@ -33,7 +33,7 @@ struct Client {
 
 std::mutex clientsMutex;
 std::set<Client*> clients;       // guarded by clientsMutex
-std::atomic<unsigned> begun = 0; // connections that the library has begun with since the start
+std::atomic<unsigned> begun = 0; // connections that the library has begun to serve since the start
 
 std::int64_t now() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
@@ -122,7 +122,8 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, uns
     unsigned handedOver = begun;
     bool hasRoom = true;
     for (;;) {
-        // The library begins with a connection on a thread of its own, a little later: perhaps after it was given up.
+        // The library begins to serve a connection on a thread of its own, a little later: perhaps after `handedOver`
+        // was set back below.
         const unsigned started = begun;
         if (static_cast<int>(handedOver - started) < 0) {
             handedOver = started;

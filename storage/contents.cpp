@@ -86,7 +86,7 @@ void endStream(void* context) {
     giveMemoryBack(largestCopiedReply);
 }
 
-// Takes `file` over.
+// Takes over `file`, which becomes -1.
 MHD_Response* streamedBody(MHD_Connection* connection, int& file, const Range& range) {
     const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     auto stream = std::make_unique<Stream>(Stream{file, range.first, socket});
@@ -102,7 +102,7 @@ MHD_Response* streamedBody(MHD_Connection* connection, int& file, const Range& r
     return response;
 }
 
-// Answers with the file or the range that is asked for. `file` becomes -1 if it is still needed then.
+// Answers with the file or the range that is asked for. `file` becomes -1 if the response has taken it over.
 MHD_Result sendFile(MHD_Connection* connection, int& file, std::uint64_t size) {
     const char* header = MHD_lookup_connection_value(connection, MHD_HEADER_KIND, MHD_HTTP_HEADER_RANGE);
     Range range = {};
@@ -139,7 +139,7 @@ MHD_Result sendFile(MHD_Connection* connection, int& file, std::uint64_t size) {
 } // namespace
 
 MHD_Result sendContents(MHD_Connection* connection, const std::string& path) {
-    // Looked at before it is opened, because opening a pipe or a device does something to it.
+    // The kind is checked before the file is opened, because opening a pipe or a device has an effect on it.
     struct stat st;
     if (const int result = statInTree(path, st); result != 0) {
         return sendStatus(connection, statusOf(result));

@@ -30,7 +30,7 @@ constexpr rlim_t fewestConnections = 8;
 constexpr rlim_t mostConnections = 16384;
 constexpr unsigned mostConnectionsOfOne = 1024;
 constexpr int mostPortTrials = 64;
-constexpr int heaps = 4; // shared by all threads; each keeps some memory that was freed, and 64 MiB of addresses
+constexpr int arenas = 4; // of malloc, for all threads; each keeps some freed memory, and 64 MiB of addresses
 constexpr std::size_t longestBaseUrl = 127; // what kelvane_vfs takes
 
 enum Status { success = 0, failure = 1, wrongUsage = 2 };
@@ -88,13 +88,13 @@ bool parseCount(const char* text, unsigned most, unsigned& count) {
     return error == std::errc() && stop == end && stop != text && count <= most;
 }
 
-// What may stand in a URL's path as it is.
+// True for a text that can stand in a URL's path as it is.
 bool isPlain(const std::string& prefix) {
     return std::all_of(prefix.begin(), prefix.end(),
                        [](char c) { return c > ' ' && c < 0x7f && c != '?' && c != '#'; });
 }
 
-// -1 to go on, else the exit status.
+// Returns -1 to go on, else the exit status.
 int parseArguments(int argc, char* argv[], Arguments& arguments) {
     const option options[] = {
         {"listen", required_argument, nullptr, 'l'},  {"port", required_argument, nullptr, 'p'},
@@ -163,7 +163,7 @@ int parseArguments(int argc, char* argv[], Arguments& arguments) {
         case 'h':
             std::fputs(usageText, stdout);
             return success;
-        default: // getopt has said what is wrong
+        default: // getopt has printed what is wrong
             return wrongUsage;
         }
     }
@@ -238,8 +238,8 @@ std::string baseUrl(const Arguments& arguments, const sockaddr_storage& address,
            arguments.service.access.base;
 }
 
-// Thousands of connections need more descriptors than the usual soft limit. Returns how many connections there
-// is room for when each of them opens a file or two and has a thread.
+// Raises the limit of descriptors to its hard limit, because thousands of connections need more than the usual soft
+// limit. Returns for how many connections that is enough, when each of them opens a file or two and has a thread.
 unsigned raiseDescriptorLimit() {
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0) {
@@ -254,7 +254,8 @@ unsigned raiseDescriptorLimit() {
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
-// What SIGHUP reads again. What cannot be read stays as it was; the result says in words which files those are and why.
+// Reads the files that SIGHUP reads again. What was read before stays in use for a file that cannot be read. The result
+// says in words which files those are and why; it is empty if there are none.
 std::string readFiles(const Arguments& arguments) try {
     std::string errors;
     const auto note = [&errors](const std::string& error) {
@@ -325,7 +326,7 @@ void closeAll(std::vector<int>& listeners) {
     listeners.clear();
 }
 
-// The same, tried again if a port that was free for one address is taken for another.
+// Like listenOnEach, but tries again when a port that is free for one address is taken for another.
 int listenOnAll(std::vector<sockaddr_storage>& addresses, std::vector<int>& listeners) {
     int error = -EADDRINUSE;
     for (int trial = 0; trial < mostPortTrials && error == -EADDRINUSE; ++trial) {
@@ -364,7 +365,7 @@ int main(int argc, char* argv[]) {
             return complain(error);
         }
     }
-    mallopt(M_ARENA_MAX, heaps);
+    mallopt(M_ARENA_MAX, arenas);
     service.access.hosts.push_back(arguments.listen);
     service.connections = raiseDescriptorLimit();
     if (isOffLoopback && !arguments.behindProxy) {
@@ -383,7 +384,7 @@ int main(int argc, char* argv[]) {
     pthread_sigmask(SIG_BLOCK, &awaited, nullptr);
     const bool isDetached = std::signal(SIGHUP, SIG_DFL) == SIG_IGN; // by nohup
     std::signal(SIGPIPE, SIG_IGN);
-    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow further is a refused request
+    std::signal(SIGXFSZ, SIG_IGN); // a write beyond the limit of file sizes fails, and the server goes on
     const int signals = signalfd(-1, &awaited, SFD_CLOEXEC);
 
     std::vector<int> listeners;

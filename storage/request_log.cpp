@@ -49,7 +49,7 @@ int openLog(const std::string& file) {
     if (opened < 0) {
         return -errno;
     }
-    // In the place of the one before, because other threads may be writing to it.
+    // The new file takes the descriptor of the old one, because other threads may be writing to that descriptor.
     if (log < 0) {
         log = opened;
         return 0;

@@ -19,10 +19,11 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
     return response;
 }
 
-// Serves all responses that are only their status, so that there is memory for it when there is none for anything else.
+// Serves for all responses that are only their status. It exists from the start, so it can be sent when there is no
+// memory left.
 MHD_Response* const bareResponse = withCommonHeaders(emptyResponse());
 
-// Told by the query alone, because there may be no memory to understand a request with.
+// Judged by the query alone, because a request may not have been parsed when memory is short.
 bool asksForContentOrAttributes(MHD_Connection* connection) {
     const char* action = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "action");
     return action == nullptr || action == nameOf(Action::props);
@@ -70,7 +71,7 @@ unsigned statusOf(int error) {
     }
 }
 
-// The library does not look for null where it adds headers.
+// Throws for null, because the library does not check for null when it adds headers.
 MHD_Response* emptyResponse() {
     MHD_Response* response = MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT);
     if (response == nullptr) {

@@ -31,7 +31,7 @@ MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Respons
 // So from 500 on the response to these three declares a body, and the connection ends before the body comes.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
 
-// The same for a client without access: the connection ends with it.
+// Refuses a client without access: the response is only its status, and the connection ends with it.
 MHD_Result turnAway(MHD_Connection* connection, unsigned status);
 
 // Status 200 with a JSON object.

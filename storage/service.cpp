@@ -32,8 +32,7 @@ constexpr std::size_t threadStack = 512UL * 1024;
 // The library counts a connection for a moment after its end.
 constexpr unsigned spareConnections = 16;
 
-// Longer than a libcurl client keeps an unused connection, so that none is closed under a client about to use
-// it.
+// Longer than a libcurl client keeps an unused connection, so that none is closed when a client is about to use it.
 constexpr unsigned idleSeconds = 150;
 
 constexpr std::chrono::milliseconds stoppingWait(10);
@@ -114,8 +113,8 @@ MHD_Result answer(MHD_Connection* connection, const Target& target) {
     return sendStatus(connection, MHD_HTTP_METHOD_NOT_ALLOWED);
 }
 
-// Judges a request by its line and headers, and opens the file of an upload: 0, or the status that refuses
-// it.
+// Judges a request by its request line and headers, and opens the file of an upload. Returns 0, or the status that
+// refuses the request.
 unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchange) {
     if (const unsigned refused = admit(connection, service.access, exchange.text, exchange.visitor); refused != 0) {
         return refused;
@@ -139,8 +138,9 @@ unsigned judge(MHD_Connection* connection, const char* method, Exchange& exchang
 }
 
 // Called once when the header is there, then with each piece of the body, then once more. A response that is given at
-// the first call ends the connection with what the client has sent of the body unread, so that the client may lose it:
-// that is for bodies whose end is in doubt or that are too long. All others are read, also those that are refused.
+// the first call ends the connection and leaves the body unread, and the client may lose that response. So only bodies
+// whose end is in doubt and bodies that are too long are answered there. All other bodies are read, also those that are
+// refused.
 MHD_Result handle(MHD_Connection* connection, const char* method, const char* version, std::string_view piece,
                   Exchange& exchange) {
     const bool isFirst = !exchange.judged;

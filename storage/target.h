@@ -25,23 +25,22 @@ struct Range {
 
 enum class RangeKind { whole, part, unsatisfiable };
 
-// "http://host:port/path" is as good as "/path": returns the path and query of `text` and leaves "host:port" in
-// `authority`, which keeps its value where there is none.
+// "http://host:port/path" means the same as "/path": returns the path and query of `text`, and stores "host:port" in
+// `authority`, which keeps its value if there is none.
 std::string_view withoutAuthority(std::string_view text, std::string_view& authority);
 
-// What a query calls the action; "read" for a plain read.
+// The name of the action in a query; "read" for a plain read.
 std::string_view nameOf(Action action);
 
 // True for the actions that change something.
 bool isChange(Action action);
 
-// Takes `text` (path and query as on the request line) apart. `prefix` is what every path begins with.
-// Returns 0, or the HTTP status that refuses the request: 400 when it is malformed, 404 when it is outside
-// the prefix.
+// Parses `text` (path and query as on the request line). `prefix` is what every path begins with. Returns 0, or the
+// HTTP status that refuses the request: 400 when it is malformed, 404 when it is outside the prefix.
 int parseTarget(std::string_view text, std::string_view prefix, Target& target);
 
-// Decodes a percent-encoded path into `path`; false when the encoding is broken or a component is "." or
-// "..", or holds a NUL. Empty components vanish.
+// Decodes a percent-encoded path into `path`; false when the encoding is broken or a component is "." or "..", or holds
+// a NUL. Empty components are dropped.
 bool decodePath(std::string_view encoded, std::string& path);
 
 // Judges a Range header (null when there is none) for a file of `size` bytes. Several ranges, other units and

@@ -24,7 +24,7 @@ mode_t newFileMode = 0666;
 mode_t newDirectoryMode = 0777;
 bool syncsChanges = false;
 
-// The kernel answers EAGAIN when a rename somewhere raced with the walk below the directory.
+// Tries again on EAGAIN, with which the kernel answers when something was renamed during its walk below the directory.
 int openBeneath(const std::string& path, std::uint64_t flags, unsigned mode) {
     open_how how = {};
     how.flags = flags | O_CLOEXEC;
@@ -122,7 +122,7 @@ std::string takeName(std::string& path) {
     return name;
 }
 
-// The directory in which the entry `name` is to be changed; it is ended with finishChange.
+// Opens the directory in which the entry `name` is to be changed. The caller ends the change with finishChange.
 int openParent(const std::string& directory, const std::string& name) {
     if (name.empty()) {
         return -EPERM;
@@ -244,7 +244,7 @@ int finishWriting(int file, const std::string& path, struct stat& st) {
     if (const int error = synced != 0 ? synced : result != 0 ? result : closed; error != 0) {
         return error;
     }
-    // Some file systems count no links; there the path has to lead to the file.
+    // Some file systems do not count links; then the path has to lead to the file.
     struct stat found;
     return st.st_nlink > 0 || (statInTree(path, found) == 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino)
                ? 0
@@ -289,7 +289,7 @@ int renameInTree(const std::string& from, const std::string& to, bool replace) {
         return there;
     }
     const std::string destination = storedSpelling(to);
-    // A name that is taken by a link to the outside is not shown, and not given away either.
+    // A link that leads outside is not shown, so it must not be replaced either.
     if (probe(destination, O_NOFOLLOW) == 0 && probe(destination, 0) != 0) {
         return -EEXIST;
     }

@@ -1,6 +1,6 @@
-// The served directory. Every name is opened below it by the kernel's own rule: links that stay inside are
-// followed, nothing outside can be reached. Paths are relative to it, "a/b", empty for the directory itself.
-// Functions return 0 or a descriptor, or a negated error number.
+// The served directory. The kernel opens every name below it and follows only links that stay inside, so nothing
+// outside can be reached. Paths are relative to the directory, "a/b", and empty for the directory itself. Functions
+// return 0 or a descriptor, or a negated error number.
 #pragma once
 
 #include <cstdint>
@@ -30,25 +30,24 @@ int statInTree(const std::string& path, struct stat& st);
 // the change with finishWriting.
 int openForWritingInTree(const std::string& path);
 
-// Closes `file`, which was opened at `path`, and stores its attributes in `st`. An error means that the data may not be
-// there: the disk has reported an error only now, or (-ENOENT) the file has been removed or replaced.
+// Closes `file`, which was opened at `path`, and stores its attributes in `st`. An error means that the data may be
+// lost: the disk has reported an error only now, or (-ENOENT) the file has been removed or replaced.
 int finishWriting(int file, const std::string& path, struct stat& st);
 
 // Cuts or extends the file at `path` to `size` bytes.
 int truncateInTree(const std::string& path, std::int64_t size);
 
-// Names that are not UTF-8 would never be listed, so none is made.
+// A name that is not UTF-8 would never be listed, so the functions below make none.
 
 // Makes a regular file with the permission bits of `mode` unless it is there already. The server's user may always read
-// and write it, because each write opens the file anew. Without `mode` it has those of a new file on this machine.
+// and write it, because each write opens the file anew. Without `mode` the file has the bits of any new file here.
 int createInTree(const std::string& path, std::optional<unsigned> mode);
 
 int makeDirectoryInTree(const std::string& path);
 int removeFileInTree(const std::string& path);
 int removeDirectoryInTree(const std::string& path);
 
-// Moves `from` to `to` in one step; an existing `to` is replaced as the local system does if `replace` says
-// so.
+// Moves `from` to `to` in one step. With `replace`, an existing `to` is replaced by the rules of the local system.
 int renameInTree(const std::string& from, const std::string& to, bool replace);
 
 // True when `text` is valid UTF-8.

@@ -16,7 +16,7 @@
 namespace {
 
 constexpr std::uint64_t largestUpload = 1 << 20;
-// What clients of kelvane_vfs send at most. Memory for more is only taken when it comes.
+// What kelvane_vfs sends at most. Memory for more is taken only when it comes.
 constexpr std::uint64_t usualUpload = 1 << 17;
 
 struct Framing {
@@ -49,7 +49,7 @@ MHD_Result lookAtHeader(void* context, MHD_ValueKind, const char* key, const cha
     return MHD_YES;
 }
 
-// One call unless the disk takes less. 0 or a negated error number.
+// Writes all of `body`, with one call unless the disk takes less. Returns 0 or a negated error number.
 int writeBody(int file, std::string_view body, std::int64_t offset) {
     while (!body.empty()) {
         const ssize_t written = pwrite(file, body.data(), body.size(), offset);

@@ -1,5 +1,5 @@
-// The body of a request, which is the data of a write. It is collected and written at once: of a body that does not
-// come to its end nothing is written, and two that are written to the same place do not mix.
+// The body of a request, which is the data of a write. It is collected and written at once. So nothing is written of an
+// incomplete body, and two bodies for the same place do not mix.
 #pragma once
 
 #include "storage/memory.h"

@@ -61,7 +61,7 @@ long list(const char* path) {
     return result;
 }
 
-// What the cache says of a path; the result of the call before is passed on.
+// Prints the record of a path; the result of the call before is passed on.
 long show(long result, const char* path) {
     const DirEntry* entry = DirGetEntry(path);
     const struct stat& st = entry != nullptr ? entry->st : noAttributes;
@@ -90,7 +90,7 @@ long askForStatistics() {
     kelvane_statfs("/", &volume);
     print(static_cast<long>(volume.f_bsize), volume.f_frsize, volume.f_blocks, volume.f_bfree, volume.f_bavail,
           volume.f_files + volume.f_ffree + volume.f_favail + volume.f_fsid, volume.f_flag, volume.f_namemax);
-    DirUpdate("/x"); // a tree that lived on would end it
+    DirUpdate("/x"); // ends the process if the reply's tree was not released
     return result;
 }
 
@@ -98,7 +98,7 @@ long getFirstAttributes() {
     static char disk[] = "Disk (srv)";
     finderName = disk;
     finderInformed = 0;
-    flockfile(stderr); // the registration's own lines come last
+    flockfile(stderr); // makes the lines of the registration's thread come last
     const int result = kelvane_getattr("/no", &noAttributes) + kelvane_getattr("/no", &noAttributes);
     funlockfile(stderr);
     while (!transcript().ends_with("srv/Disk\n")) {
@@ -233,7 +233,8 @@ TEST(Calls, WritesInParts) {
         "..." + part(0, 131072, "0", "200 FILE5") + part(131072, 1, "131072", "300; ") + all + "-1");
     // The entry comes anew with the local spelling, and so does the next request.
     ROW((kelvane_write("/e\xcc\x81", "x", 1, 0, &file), kelvane_unlink("/\xc3\xa9"), list("/")),
-        R"(E kelvane_write: path: /NFD size: 1 offset: 0; > PUT /%2F%C3%A9?action=write&flags=0&offset=0|TYPEx => 200 FILE5
+        R"(E kelvane_write: path: /NFD size: 1 offset: 0
+                > PUT /%2F%C3%A9?action=write&flags=0&offset=0|TYPEx => 200 FILE5
                 E kelvane_unlink: /NFC; > GET /%2Fe%CC%81?action=unlink| => 500; E   -> FAILED; E kelvane_readdir: /
                 O CACHE-DirRead: adding: a.txt; O CACHE-DirRead: adding: dir x; O CACHE-DirRead: adding: d
                 O CACHE-DirRead: adding: NFD; O a.txt 5,dir x 0,d 0,NFD 5,; = 0)");
@@ -252,11 +253,14 @@ TEST(Calls, FreshCache) {
                 > GET /%2F%C3%A9| => 200 {"entries":[{"n":"in","t":8,"s":3}]}; O getURL: 36 bytes retrieved
                 O in 2 0 3 0 0 0 0 0 65534 4321; O  1 16877 4096 OTHERS; = 0)");
     ROW((clockStep = 61, show(0, "/dir/in")),
-        R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O in 2 0 0 0 0 0 0 0 65534 4321; = 0)");
+        R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}
+                > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O in 2 0 0 0 0 0 0 0 65534 4321; = 0)");
     ROW((clockStep = 61, list("/dir")),
-        R"(E kelvane_readdir: /dir; > GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O CACHE-DirRead: adding: in; O in 0,; = 0)");
+        R"(E kelvane_readdir: /dir; > GET /| => 200 {"entries":[{"n":"dir","t":4}]}
+                > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; O CACHE-DirRead: adding: in; O in 0,; = 0)");
     ROW((clockStep = 61, DirUpdate("/dir/in"), recordsInUse),
-        R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}; > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; > GET /%2Fdir%2Fin?action=props| => 404; = 0)");
+        R"(> GET /| => 200 {"entries":[{"n":"dir","t":4}]}
+                > GET /%2Fdir| => 200 {"entries":[{"n":"in","t":8}]}; > GET /%2Fdir%2Fin?action=props| => 404; = 0)");
 }
 
 TEST(Calls, Cache) {
@@ -336,15 +340,18 @@ TEST(Calls, Names) {
 TEST(Calls, Transport) {
     const char* const start = root;
     ROW(transfer(),
-        R"(O DirReadOriginalEncodingPathUnlocked: ; > PUT /?q|TYPE => 201 x; O 0 bytes retrieved; E getURL: path: , query: ; O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/?; > GET /?|A: 1|B: 2| => 500 aZEROb
-           O getURL: 3 bytes retrieved; O 3 b; E getURL: path: /, query: (null); O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/; > GET /| => 204; O getURL: 0 bytes retrieved; O 0 ; = 500)");
+        R"(O DirReadOriginalEncodingPathUnlocked: ; > PUT /?q|TYPE => 201 x; O 0 bytes retrieved
+           E getURL: path: , query: ; O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/?
+           > GET /?|A: 1|B: 2| => 500 aZEROb; O getURL: 3 bytes retrieved; O 3 b; E getURL: path: /, query: (null)
+           O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/; > GET /| => 204
+           O getURL: 0 bytes retrieved; O 0 ; = 500)");
     ROW((checkedCopy(baseURL, sizeof baseURL, "http://127.0.0.1:1/"), list("/")),
         "...; O CURL error: Couldn't connect to server; exit 1");
     ROW(WriteMemoryCallback("", 1, SIZE_MAX / 4, &noReply), "O not enough memory (realloc returned NULL); exit 0");
     ROW((DirReadOriginalEncodingPathUnlocked(("/" + std::string(2047, 'a')).c_str()), 0), "...; signal 6");
 }
 
-// Replies that nobody should send, by what comes of them.
+// Replies that nobody should send, grouped by their result.
 TEST(Calls, BrokenReplies) {
     const auto listing = [] { return list("/"); };
     const auto properties = [] {

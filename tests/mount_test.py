@@ -3,11 +3,11 @@ import contextlib, ctypes, itertools, os, re, signal, threading, time, unittest
 from programs import STORAGE, TOP, UNSHARE, VFS, ServerTest, shell, start, text, until
 
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
-# The daemon must not care for what its environment says, nor for a signal that its starter blocks.
+# The daemon has to ignore its environment, and a blocked signal that it inherits.
 DAEMON = ["env", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9", "FUSE_THREAD_STACK=16384",
           "--block-signal=RTMIN", VFS]
 AUTO = ["-f", "-o", "auto_unmount"]
-# Who may not be able to read the file of suppressions, and needs none of them.
+# This user may not be able to read the file of suppressions, and needs none of them.
 OTHER_USER = ["env", "-u", "TSAN_OPTIONS"]
 OTHER_USER += ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 OTHER_USER += ["setpriv", "--pdeathsig", "KILL"]  # which a change of user takes back
@@ -126,8 +126,9 @@ class MountTest(ServerTest):
                        f"mkdir 'dir {COMPOSED}/sub' && touch 'dir {DECOMPOSED}/sub/f'", f"rm -r 'dir {COMPOSED}/sub'",
                        f"mv 'dir {COMPOSED}' plain", f"rm plain/{COMPOSED}"):
             self.check(f"cd {self.disk} && {change}")
-            self.same(rf"find . -mindepth 1 -type d -print -o -printf '%p %y %s %Ts\n' | "
-                      f"sed s/{DECOMPOSED}/{COMPOSED}/g | sort; find . -type f -print0 | xargs -0 cat", self.tree, self.disk)
+            look = (r"find . -mindepth 1 -type d -print -o -printf '%p %y %s %Ts\n' | "
+                    f"sed s/{DECOMPOSED}/{COMPOSED}/g | sort; find . -type f -print0 | xargs -0 cat")
+            self.same(look, self.tree, self.disk)
         self.unmount()
 
     # However the daemon is stopped, idle or busy: acknowledged data are on the server.
@@ -185,7 +186,8 @@ class MountTest(ServerTest):
                 self.freeze()
                 reader = start(["ls", self.disk + "/directory"], self.scratch + "/reader")
                 port = int(re.search(r":(\d+)/", self.url)[1])
-                until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))  # not taken yet
+                # Until bytes of the request wait in the frozen server's socket.
+                until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))
                 for way in signal.SIGINT, signal.SIGTERM:
                     os.kill(self.daemon.pid, way)
                 self.ended(1)

@@ -13,7 +13,7 @@ def start(command, log):  # what the program writes goes to LOG.out and LOG.err
     with open(log + ".out", "wb") as out, open(log + ".err", "wb") as err:
         return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdout=out, stderr=err)
 
-def shell(command):  # what it wrote, and its status
+def shell(command):  # returns what the command wrote, and its status
     done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.stdout.decode(errors="replace"), done.returncode
 

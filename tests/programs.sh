@@ -2,7 +2,8 @@
 exec 2>&1
 export LC_ALL=C.UTF-8 GIT_CONFIG_GLOBAL=/dev/null GIT_AUTHOR_DATE='@0 +0000' GIT_COMMITTER_DATE='@0 +0000'
 git() { command git -c user.name=T -c user.email=t@example.invalid -c init.defaultBranch=main "$@"; }
-mkdir -p src/sub/empty 'src/sub/Ünï 名前/deep er' && echo one >src/a && seq 90000 >src/sub/b && echo 3 >'src/sub/Ünï 名前/ñ'
+mkdir -p src/sub/empty 'src/sub/Ünï 名前/deep er'
+echo one >src/a && seq 90000 >src/sub/b && echo 3 >'src/sub/Ünï 名前/ñ'
 cp -a src copied && cp -p src/a copied/p && ls -R copied
 rsync -a src/ synced && rsync -ai --size-only src/ synced | grep '^>'; diff -r src synced
 mkdir untarred && tar cf - -C src . | tar xf - -C untarred && diff -r src untarred

@@ -34,11 +34,11 @@ ACCESS = [
      [f"PUT /d/in?action=write&flags=1&offset=0\n{ANN}\n\nx"], "d/in=content"),
 ]
 
-# Sections: arguments of the server, and rows. A row is a reply, the requests that get it, and what is below the
-# directory then: "file=content", or "file" that is not there. A request is its first line (without "GET $" if it begins
-# with a slash), headers, an empty line and a body, without what every request has, or with "\r" raw; "$" stands for the
-# base path, "@" for host and port. A reply is status and body, then some of its headers, each in a line; ":N" is a
-# number and "*" anything.
+# Sections: arguments of the server, and rows. A row is a reply, the requests that get it, and the files below the
+# directory afterwards: "file=content", or "file" for one that is not there. A request is its first line (without
+# "GET $" if it begins with a slash), headers, an empty line and a body, without the headers that every request has. A
+# request with "\r" is sent as it stands. "$" is the base path, "@" host and port. A reply is status and body, then some
+# of its headers, each in a line; ":N" is a number and "*" anything.
 SECTIONS = {
     "": [
         ("200 content\nContent-Type: application/octet-stream\nAccept-Ranges: bytes" + COMMON, ["/d/in"]),
@@ -101,8 +101,8 @@ SECTIONS = {
         ('200 {"hc":200}', ["/new?action=rename&to=%2Fb%26c", "/b%26c?action=rename&to=a.txt&replace=1"], "a.txt=xx"),
         # Names in another spelling than the directory's.
         ("204 ", [f"/{DECOMPOSED}?action=create&mode=33188"], DECOMPOSED),
-        ("204 ", ["/%EA%B0%80%E1%86%A7?action=create&mode=33188", "/%E1%84%80%E1%85%A1%E1%86%A7?action=truncate&offset=1"],
-         "\xea\xb0\x80\xe1\x86\xa7=\0"),
+        ("204 ", ["/%EA%B0%80%E1%86%A7?action=create&mode=33188",
+                  "/%E1%84%80%E1%85%A1%E1%86%A7?action=truncate&offset=1"], "\xea\xb0\x80\xe1\x86\xa7=\0"),
         ('200 {"hc":409}', [f"/{DECOMPOSED}?action=mkdir"], DECOMPOSED),
         ('200 {"hc":200}', [f"/a.txt?action=rename&to={DECOMPOSED}&replace=1"], "\xc3\xa9=xx"),
         ('200 {"hc":200}', [f"/{DECOMPOSED}?action={act}" for act in ("rename&to=a.txt", "mkdir")], "a.txt=xx"),
@@ -223,7 +223,7 @@ class StorageTest(ServerTest):
         for hidden in (urllib.parse.urlsplit(self.url).path.strip("/"), "pass", BOB[-4:], "evil"):
             self.assertNotIn(hidden, log)
 
-    # What SIGHUP reads again, while a reply is on its way.
+    # SIGHUP: the files that are read again, while a reply is on its way.
     def test_reload(self):
         def renew(user):
             self.make_certificate()
@@ -300,7 +300,7 @@ class StorageTest(ServerTest):
 
     def test_uploads(self):
         self.serve(STORAGE, "--sync")
-        # To the same place, in pieces: they do not mix.
+        # Two uploads to the same place, in pieces: they do not mix.
         uploads = [(self.upload("d/in", 1 << 17), letter) for letter in (b"a", b"b")]
         for _ in range(3):
             for connection, letter in uploads:
@@ -309,13 +309,13 @@ class StorageTest(ServerTest):
         for connection, letter in uploads:
             self.finish(connection, letter * (1 << 15), '200 {"s":131072,*')
         self.assertEqual(len(set(text(self.tree + "/d/in"))), 1)
-        # The file goes meanwhile.
+        # The file is removed or replaced meanwhile.
         for file, change in (("d/in", "rm d/in"), ("full/x", "mv notes/hello.txt full/x")):
             upload = self.upload(file, 4)
             self.check(f"cd {self.tree} && {change}")
             self.finish(upload, b"lost", "404 ")
         self.assertEqual(text(self.tree + "/full/x"), "hello, world")
-        # A signal waits for it.
+        # A server that was told to stop waits for the upload.
         upload = self.upload("a.txt", 4)
         self.server.terminate()
         with contextlib.suppress(ConnectionError):
@@ -324,7 +324,7 @@ class StorageTest(ServerTest):
         self.finish(upload, b"last", '200 {"s":7,*')
         self.assertEqual(text(self.tree + "/a.txt"), "lastent")
 
-    # What is no file is not even opened, and the kernel's own files are not written.
+    # What is no regular file is not even opened, and the kernel's own files are not written.
     def test_special_files(self):
         self.serve()
         reader = os.open(self.tree + "/pipe", os.O_RDONLY | os.O_NONBLOCK)
@@ -353,7 +353,7 @@ class StorageTest(ServerTest):
         connections = [self.connection(self.bytes_of("/d/in")[:9]) for _ in range(300)]
         until(lambda: self.descriptors() > len(connections))
         self.expect("200 content")
-        # No descriptor is left to open the file with; then there are some again.
+        # No descriptor is left to open the file with; later there are descriptors again.
         def is_starved():
             resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
             return all(re.match(r"HTTP/1.1 503 (.*\r\n)+Content-Length: 1\r\n\r\n$|$", self.ask("/d/in" + query))

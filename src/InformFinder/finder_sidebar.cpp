@@ -48,8 +48,7 @@ char* pathFromDiskName(char* diskName) {
     if (open == nullptr) {
         return nullptr;
     }
-    // The character before the parenthesis separates the parts, whatever it is. A negative length fails the
-    // check.
+    // The character before the parenthesis separates the parts, whatever it is. A negative length fails the check.
     char disk[partBufferSize];
     checkedCopyBytes(disk, sizeof disk, diskName, static_cast<std::size_t>(open - diskName - 1));
     const char* close = std::strrchr(open - 1, ')');

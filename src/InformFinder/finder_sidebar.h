@@ -5,7 +5,7 @@
 // at once with the result of detaching the thread.
 int informFinder(void* diskName);
 
-// Body of the registration's thread; always null.
+// The function of the registration's thread; always returns null.
 void* thread_main(void* diskName);
 
 // Registers the disk; a name without a server part in parentheses registers nothing.

@@ -1,7 +1,7 @@
 // The four Unicode normalisation forms of a name. Each function takes a NUL-terminated UTF-8 string and
 // returns it in its form, in a static buffer of its own that the next call of the same function overwrites;
 // null when the input is not valid UTF-8. A result may have 1023 bytes and its terminator; a longer one ends the
-// process. The caller makes sure that no two threads are in here at once.
+// process. The caller makes sure that only one thread at a time calls them.
 #pragma once
 
 #include <cstddef>

@@ -26,8 +26,8 @@ struct DirEntry {
 // The root; null before DirInit and after DirDestroy.
 extern DirEntry* dirEntryTop;
 
-// Counts the functions further up that hold a record across a request. A request rebuilds its path through
-// the look-up, which must not drop the tree under them; an overdue drop then waits for the next look-up.
+// Counts the calling functions that hold a record across a request. A request rebuilds its path through the look-up,
+// which must not drop the tree that they use; an overdue drop then waits for the next look-up.
 extern int recordsInUse;
 
 // The cache's one lock. It is recursive: a request made under it asks the cache for the spelling of its path.

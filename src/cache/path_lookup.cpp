@@ -11,7 +11,7 @@
 namespace {
 
 constexpr time_t cacheLifetime = 60;
-// Of the kernel's FUSE module.
+// The limit of the kernel's FUSE module.
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathBufferSize = 2048;
 constexpr char traceStart[] = "CACHE-DirRead: adding: ";

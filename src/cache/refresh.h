@@ -1,8 +1,8 @@
 // Brings the cache up to date after a change, one entry at a time.
 #pragma once
 
-// Splits `path` at its last "/": `*parent` is a new string that the caller frees, `*name` points into `path`.
-// Always 1.
+// Splits `path` at its last "/": `*parent` is a new string that the caller frees, `*name` points into `path`. Always
+// returns 1.
 int DirExtractPathName(const char* path, char** parent, const char** name);
 
 // Asks the service for the attributes of `path` and puts its entry into its parent's table, or takes it out

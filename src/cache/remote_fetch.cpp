@@ -21,7 +21,7 @@ struct AttributeField {
     void (*store)(struct stat& st, int value);
 };
 
-// Mode and link count travel in 16 bits; everything else is widened with its sign.
+// Mode and link count are cut to 16 bits; everything else is widened with its sign.
 constexpr AttributeField attributeFields[] = {
     {"s", [](struct stat& st, int value) { st.st_size = value; }},
     {"b", [](struct stat& st, int value) { st.st_blocks = value; }},

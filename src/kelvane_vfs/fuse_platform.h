@@ -21,11 +21,11 @@ void platformFitReadAhead(struct fuse_conn_info* conn, double seconds);
 // again, which the library has set back.
 void platformLoopEnded();
 
-// Makes the running FUSE loop of this process end as FUSE's own exit-signal handler would. Called by the exit
-// thread only. The library's own on macOS, hence a C function; ours on Linux, where it returns when the loop
+// Makes the running FUSE loop of this process end as FUSE's own exit-signal handler would. Called by the exit thread
+// only. On macOS the library has this function, so it is a C function. On Linux it is ours, and returns when the loop
 // has ended.
 extern "C" void fuse_exit_handler_internal_np();
 
-// Takes the disk out of the tree of files at once, even when it is in use and its requests are not answered; does
-// nothing when it is not there. Called by the thread that ends the process right after.
+// Detaches the disk from the file tree at once, even when it is in use and its requests are not answered; does nothing
+// when it is not mounted. Called by the thread that ends the process right after.
 void platformDetachMount();

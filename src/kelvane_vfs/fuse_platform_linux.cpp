@@ -125,7 +125,7 @@ void platformFitReadAhead(struct fuse_conn_info* conn, double seconds) {
         return;
     }
     conn->max_readahead = reads * largestRead;
-    // Two stretches of this length are under way at once. The kernel's own limits would hold one of them back.
+    // Two read-aheads of this length are under way at once. The kernel's own limits would delay one of them.
     if (conn->max_background == 0) {
         conn->max_background = std::max(2 * reads, usualBackground);
         conn->congestion_threshold = conn->max_background;
@@ -154,8 +154,8 @@ void fuse_exit_handler_internal_np() {
     }
 }
 
-// Somebody may have unmounted the disk meanwhile and mounted another one there. The library knows how root unmounts and
-// how others do, and without the device it does not wait for anybody.
+// Somebody may have unmounted the disk meanwhile and mounted another one there. The library unmounts in the way that is
+// allowed to this user; without a channel it detaches the disk and does not wait.
 void platformDetachMount() {
     if (diskDevice != 0 && deviceAtMountDirectory() == diskDevice) {
         fuse_unmount(mountDirectory, nullptr);

@@ -9,8 +9,8 @@
 #include <sys/statvfs.h>
 #include <type_traits>
 
-// The layouts that the daemon was designed for: the table whose size the library is told, numbers of the service that
-// are cut to 16 bits in attributes and to 32 in statistics, attributes read from a position on.
+// The layouts that the daemon was designed for: the size of the operation table; fields that hold 16 bits of the
+// service's numbers in attributes, and 32 in statistics; and extended attributes that are read at a position.
 static_assert(sizeof(fuse_operations) == 464);
 static_assert(sizeof(stat::st_mode) == 2 && sizeof(stat::st_nlink) == 2);
 static_assert(sizeof(stat::st_size) == 8 && sizeof(stat::st_blocks) == 8);

@@ -12,8 +12,8 @@
 
 namespace {
 
-// Where FUSE mounts: its first argument that is no option, wherever it is. Null when there is none, or no such
-// directory.
+// The directory that FUSE mounts at: its first argument that is no option, wherever that stands. Null when there is no
+// such argument or no such directory.
 char* findMountDirectory(int argc, char* argv[]) {
     for (int i = 3; i < argc; ++i) {
         if (std::strcmp(argv[i], "-o") == 0) {

@@ -41,8 +41,7 @@ int kelvane_getattr(const char* path, struct stat* st) {
 int kelvane_readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_t, struct fuse_file_info*) {
     std::fprintf(stderr, "kelvane_readdir: %s\n", path);
     if (DirRead(path, buffer, filler) == 0) {
-        // DirRead keeps its level of the lock when it fails; without this every other thread would wait
-        // forever.
+        // DirRead keeps its level of the lock when it fails; without this every other thread would wait forever.
         DirUnlock();
         return -ENOENT;
     }

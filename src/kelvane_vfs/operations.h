@@ -37,7 +37,7 @@ int kelvane_write(const char* path, const char* buf, std::size_t size, off_t off
 int kelvane_truncate(const char* path, off_t size);
 int kelvane_flush(const char* path, struct fuse_file_info* fi);
 
-// Namespace (namespace_operations.cpp): one request each, then the cache follows.
+// Namespace (namespace_operations.cpp): one request for the change, then the cache is refreshed.
 int kelvane_mkdir(const char* path, mode_t mode);
 int kelvane_unlink(const char* path);
 int kelvane_rmdir(const char* path);

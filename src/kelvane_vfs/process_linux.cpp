@@ -2,8 +2,8 @@
 
 #include <malloc.h>
 
-// Larger blocks go back to the system when they are freed, and twice as much free memory may stay at the end of a heap:
-// what a read or a write takes stays below, what a long listing takes is above.
+// Blocks of this size or more go back to the system when they are freed, and up to twice as much free memory stays at
+// the end of a heap. The buffers of a read or a write are smaller than that, those of a long listing larger.
 void tuneHeap() {
     constexpr int largestKeptBlock = 1 << 19;
     mallopt(M_MMAP_THRESHOLD, largestKeptBlock);

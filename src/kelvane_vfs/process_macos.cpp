@@ -1,4 +1,4 @@
 #include "kelvane_vfs/process.h"
 
-// The heap gives back what is free by itself.
+// The heap of macOS gives free memory back by itself.
 void tuneHeap() {}

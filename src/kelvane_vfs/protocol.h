@@ -1,5 +1,4 @@
-// The service's wire format where it is not plain text: the status envelope, members of reply objects, open
-// flags.
+// The service's wire format where it is not plain text: the status envelope, members of reply objects, open flags.
 #pragma once
 
 #include <cjson/cJSON.h>

@@ -15,7 +15,7 @@ struct alignas(std::max_align_t) Block {
     Block* before;
 };
 
-// The thread's blocks, the youngest first, and what is left of it.
+// The thread's blocks, the newest first, and what is left of the newest.
 thread_local Block* blocks = nullptr;
 thread_local std::size_t room = 0;
 thread_local char* next = nullptr;

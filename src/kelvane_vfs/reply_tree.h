@@ -6,9 +6,9 @@
 #include <cjson/cJSON.h>
 
 // The tree of a reply, or null when `text` does not parse; then no tree lives. Otherwise it lives until the thread's
-// next releaseReply. A thread has one tree at a time: to begin another while one lives ends the process through
+// next releaseReply. A thread has one tree at a time: a call while the thread still has one ends the process through
 // abort().
 const cJSON* parseReply(const char* text);
 
-// Gives back what the thread's tree takes.
+// Frees the memory of the thread's tree.
 void releaseReply();

@@ -97,8 +97,7 @@ void startExitThread() {
         std::printf("pipe resturned %d, error: %s\n", piped, std::strerror(errno));
         return;
     }
-    // Only a negative result counts as a failure, though the thread library reports errors as positive
-    // numbers.
+    // Only a negative result counts as a failure, though the thread library reports errors as positive numbers.
     const int created = createExitThread();
     if (created < 0) {
         std::printf("pthread_create returned %d\n", created);

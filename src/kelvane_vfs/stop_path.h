@@ -1,11 +1,10 @@
 // How the daemon stops: a signal handler writes one byte into a pipe, the exit thread reads it and makes FUSE leave its
 // loop. Nothing of FUSE is called inside the handler. A loop that waits for a server that does not answer cannot end:
-// then a guard ends the process with status 1, after a second signal or half a minute after the first, and takes the
-// disk out of the tree of files, so that nobody goes on waiting for it.
+// then a guard detaches the disk from the file tree and ends the process with status 1, after a second signal or half a
+// minute after the first, so that no program goes on waiting for the disk.
 #pragma once
 
-// Opens the pipe and starts the exit thread; failures are printed and leave the daemon without an exit
-// thread.
+// Opens the pipe and starts the exit thread; failures are printed and leave the daemon without an exit thread.
 void startExitThread();
 
 // Called in the process that serves, before the handlers are installed: starts the guard, or prints why there is none.
@@ -14,7 +13,7 @@ void startExitThread();
 // process ends here, unmounted and with status 1.
 void prepareToStop();
 
-// Body of the exit thread; the argument (the mount point) is not used.
+// The function of the exit thread; the argument (the mount point) is not used.
 void* exitThreadFunction(void* arg);
 
 // Handler of the stopping signals.

@@ -57,7 +57,7 @@ curl_slist* buildHeaderList(char* headers) {
     return list;
 }
 
-// The byte is the terminator of a body that never comes.
+// An empty body: one byte, its terminator.
 ReplyBuffer startReply() {
     return {notNull(static_cast<char*>(std::calloc(1, 1))), 0};
 }
@@ -187,7 +187,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     }
     curl_slist_free_all(headers);
     std::free(url);
-    // The number is that of the bytes sent, whatever the word says.
+    // The text is part of the trace, though the number is that of the bytes sent.
     std::printf("%lu bytes retrieved\n", static_cast<unsigned long>(length));
     if (received != nullptr) {
         *received = reply.size;

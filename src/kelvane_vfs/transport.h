@@ -1,5 +1,5 @@
-// Bytes over HTTP: one libcurl handle a thread, reply bodies collected in memory. A transfer that fails ends
-// the process; a call that returns has reached the service.
+// Requests over HTTP: one libcurl handle for each thread; reply bodies are collected in memory. A transfer that fails
+// ends the process; a call that returns has reached the service.
 #pragma once
 
 #include <cstddef>
@@ -22,10 +22,10 @@ struct UploadSource {
     std::size_t position;
 };
 
-// Before the first request; returns the result of creating `lubcurlKey`.
+// Called before the first request; returns the result of creating `lubcurlKey`.
 int initLibCurl();
 
-// After the last request; returns the result of deleting `lubcurlKey`. Handles of threads that still live are
+// Called after the last request; returns the result of deleting `lubcurlKey`. Handles of threads that still live are
 // left to the end of the process.
 int cleanupLibCurl();
 
@@ -46,6 +46,6 @@ std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t 
 // `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it.
 char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status);
 
-// PUT of `length` bytes at `data` to the same kind of URL. Mind the order of the results: `status` first.
+// PUT of `length` bytes at `data` to the same kind of URL. The order of the results differs: `status` comes first.
 char* postURL(const char* path, const char* query, const void* data, std::size_t length, long* status,
               std::size_t* received);

@@ -89,5 +89,6 @@ TEST(Platform, RunsAndRegisters) {
         "", run,
         R"(O thread started, pipe ready; O kelvane_vfs starting; O Disk (srv) /mnt 464; O settings up signal handlers
                  > GET /?action=props| => 404; E kelvane_getattr: /a; > GET /| => 200 {"entries":[{"n":"a","t":8}]}
-                 E kelvane_setattr_x: /a; O got packet from signalHandler, trying to exit...; O kelvane_vfs exiting; = 1)");
+                 E kelvane_setattr_x: /a; O got packet from signalHandler, trying to exit...
+                 O kelvane_vfs exiting; = 1)");
 }
