@@ -28,7 +28,7 @@ def decoded(encoded):
         raise ValueError(encoded)
     return beneath(path)
 
-def opened(path, flags):  # looked at first: opening a pipe or a device would do something to it
+def opened(path, flags):  # checks the kind first: opening a pipe or a device would have an effect on it
     if not stat.S_ISREG(os.stat(path).st_mode):
         raise PermissionError(errno.EPERM, "not a file")
     return open(os.open(path, flags), "wb" if flags == os.O_WRONLY else "rb", buffering=0)
@@ -59,7 +59,7 @@ def written(path, body, offset):
             body, offset = body[count:], offset + count
         return attributes(os.fstat(file.fileno()))
 
-def content(path, header):  # in memory: the client asks for 128 KiB at a time
+def content(path, header):  # the body is read into memory, because the client asks for 128 KiB at a time
     wanted = re.fullmatch(r"bytes=(\d{1,18})-(\d{1,18})", header)
     first, last = (int(wanted[1]), int(wanted[2])) if wanted else (0, sys.maxsize)
     with opened(path, os.O_RDONLY) as file:
