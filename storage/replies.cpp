@@ -117,7 +117,8 @@ int listingObject(int descriptor, const std::string& path, Text& listing) {
             continue;
         }
         struct stat st;
-        // What is broken is left out, so that the rest can be seen. But a shortage must not hide what is there.
+        // An entry whose attributes cannot be read is left out, so that the others are shown. But a shortage of memory
+        // or descriptors fails the whole listing, because it must not hide entries.
         if (const int missing = statListed(descriptor, path, name, st); missing != 0) {
             if (statusOf(missing) != MHD_HTTP_SERVICE_UNAVAILABLE) {
                 continue;

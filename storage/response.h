@@ -26,9 +26,9 @@ MHD_Response* emptyResponse();
 // short, it throws std::bad_alloc.
 MHD_Result sendResponse(MHD_Connection* connection, unsigned status, MHD_Response* response, std::uint64_t bytes);
 
-// A response that is only its status. The body is empty because readers take whatever body comes for file data. They
-// take an empty body for the end of a file or an empty directory, and a refusal of attributes for a file that is gone.
-// So from 500 on the response to these three declares a body, and the connection ends before the body comes.
+// A response that is only its status. The body is empty because clients take every body for file data. They take an
+// empty body for the end of a file or an empty directory, and attributes that are refused for a file that is gone. So
+// from status 500 on, the response to these three requests declares a body, and the connection ends before the body.
 MHD_Result sendStatus(MHD_Connection* connection, unsigned status);
 
 // Refuses a client without access: the response is only its status, and the connection ends with it.

@@ -29,7 +29,7 @@ namespace {
 // is the reading buffer.
 constexpr std::size_t connectionMemory = 64UL * 1024;
 constexpr std::size_t threadStack = 512UL * 1024;
-// The library counts a connection for a moment after its end.
+// The library still counts a connection for a moment after its end.
 constexpr unsigned spareConnections = 16;
 
 // Longer than a libcurl client keeps an unused connection, so that none is closed when a client is about to use it.

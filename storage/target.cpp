@@ -168,7 +168,7 @@ int parseTarget(std::string_view text, std::string_view prefix, Target& target) 
     if (!decodePath(encoded, target.path) || !parseQuery(query, target)) {
         return MHD_HTTP_BAD_REQUEST;
     }
-    // A prefix that does not end in "/" ends in the middle of a name unless one follows.
+    // A prefix that does not end in "/" ends in the middle of a name unless a "/" follows.
     const bool atName = prefix.ends_with('/') || encoded.empty() || encoded.starts_with('/') ||
                         encoded.starts_with("%2F") || encoded.starts_with("%2f");
     return atName ? 0 : MHD_HTTP_NOT_FOUND;

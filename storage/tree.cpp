@@ -114,7 +114,7 @@ bool isFileToWrite(int descriptor) {
     return fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode) && !isKernelState(descriptor);
 }
 
-// Splits the last component off: `path` becomes that of the directory which holds it.
+// Splits the last component off and returns it; `path` becomes the path of the directory that holds it.
 std::string takeName(std::string& path) {
     const std::size_t slash = path.rfind('/');
     std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
@@ -135,7 +135,7 @@ int openParent(const std::string& directory, const std::string& name) {
     return parent;
 }
 
-// `sync` is fsync or fdatasync. A file system that has nothing to wait for says EINVAL.
+// `sync` is fsync or fdatasync. On a file system that has nothing to wait for it fails with EINVAL.
 int syncDescriptor(int descriptor, int (*sync)(int)) {
     return !syncsChanges || sync(descriptor) == 0 || errno == EINVAL ? 0 : -errno;
 }

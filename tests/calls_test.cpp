@@ -231,7 +231,7 @@ TEST(Calls, WritesInParts) {
             part(262144, 37856, "5000262144", "200 FILE5; ") + all + "300000");
     ROW(show(writeFile(131073, 0), "/a.txt"),
         "..." + part(0, 131072, "0", "200 FILE5") + part(131072, 1, "131072", "300; ") + all + "-1");
-    // The entry comes anew with the local spelling, and so does the next request.
+    // The new entry has the local spelling, and so has the next request.
     ROW((kelvane_write("/e\xcc\x81", "x", 1, 0, &file), kelvane_unlink("/\xc3\xa9"), list("/")),
         R"(E kelvane_write: path: /NFD size: 1 offset: 0
                 > PUT /%2F%C3%A9?action=write&flags=0&offset=0|TYPEx => 200 FILE5
@@ -240,11 +240,11 @@ TEST(Calls, WritesInParts) {
                 O CACHE-DirRead: adding: NFD; O a.txt 5,dir x 0,d 0,NFD 5,; = 0)");
 }
 
-// A look-up drops a tree that is more than a minute old, unless somebody below it still uses the tree: here each look
-// at the clock takes more than a minute.
+// A look-up drops a tree that is more than a minute old, unless a calling function still uses the tree. Here the clock
+// moves on by more than a minute each time it is read.
 TEST(Calls, FreshCache) {
     const char* const start = root;
-    // The walk asks by the caller's spelling, the transport by the service's.
+    // The walk uses the caller's spelling, the transport the service's.
     ROW((show(show(0, "//e\xcc\x81/in/"), "/")),
         R"(E getURL: path: /, query: (null); O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: http://HOST/
                 > GET /| => 200 {"entries":[{"n":"NFC","t":4}]}; O getURL: 30 bytes retrieved

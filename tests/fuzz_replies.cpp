@@ -15,7 +15,7 @@
 static std::string body;
 static std::jmp_buf aborted;
 
-// In the place of the transport and of abort() (linked with --wrap).
+// These replace the transport and abort() (linked with --wrap).
 char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long*) asm("__wrap__Z6getURLPKcS0_PmPcPl");
 char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long* status) {
     if (status != nullptr) {

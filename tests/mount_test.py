@@ -176,7 +176,7 @@ class MountTest(ServerTest):
 
     # A server that takes requests and answers none: the first signal cannot end the loop.
     def test_stops_twice(self):
-        # The FUSE library's threads are left where they are.
+        # The process ends while threads of the FUSE library still run.
         modes = [["-f"], ["-f", "-s"], AUTO] + ([[], ["-s"]] if "TSAN_OPTIONS" not in os.environ else [])
         os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"
         for mode in modes:
@@ -215,7 +215,8 @@ class MountTest(ServerTest):
             self.serve()
             os.truncate(os.open(self.tree + "/big", os.O_CREAT | os.O_WRONLY), 1 << 30)
             self.mount(AUTO)
-            # The kernel closes the highest number first, and a disk that lives on longer would stay.
+            # The kernel closes the highest number first. If that were not the disk's device, the helper of auto_unmount
+            # could still find a live disk, and leave it mounted.
             held = f"/proc/{self.daemon.pid}/fd/"
             self.assertEqual(os.readlink(held + max(os.listdir(held), key=int)), "/dev/fuse")
             reader = start(["cat", self.disk + "/big"], self.scratch + "/reader")

@@ -19,7 +19,7 @@
 
 time_t clockNow = 1000, clockStep = 0;
 
-// In the place of the system's (linked with --wrap).
+// These replace the system's functions (linked with --wrap).
 extern "C" time_t __wrap_time(time_t*) {
     return (clockNow += clockStep) - clockStep;
 }

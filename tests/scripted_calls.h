@@ -1,8 +1,8 @@
 // Tables of calls into the daemon's code. Each row runs in a child process against a scripted service. Its output, its
 // requests and its end make one text, in the order in which they happen. A row gives that text in fields, separated by
 // "; " or a line's end:
-//   "O TEXT", "E TEXT"  a line on one of the output streams; the transport's and the spelling's own lines count only in
-//       rows that have one of them
+//   "O TEXT", "E TEXT"  a line on one of the output streams; the lines of the transport and of the path look-up count
+//       only in rows that have one of them
 //   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone (one that
 //       begins with "reset" has the connection reset behind it)
 //   "= NUMBER"  the call's result
@@ -22,6 +22,6 @@ std::string bodyText(const std::string& body);
 // attributes, or also those for the listings of "/", "/d" and "/dir x".
 void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row);
 
-// In the child: the clock, which moves on by `clockStep` seconds with each look at it; what has happened so far.
+// In the child: the clock, which moves on by `clockStep` seconds each time it is read; what has happened so far.
 extern time_t clockNow, clockStep;
 std::string transcript();

@@ -70,7 +70,8 @@ SECTIONS = {
         ("403 ", ["/pipe", "PUT $/pipe?action=write&flags=1&offset=0\n\nx", "/pipe?action=truncate&offset=0",
                   "/d?action=truncate&offset=2", "/?action=unlink", "/?action=rename&to=x&replace=1",
                   "/?action=create&mode=1", "/d?action=unlink"], "x"),
-        # Refused when the whole body has come, and where its end is in doubt, before the rest passes for a request.
+        # Refused when the whole body has come. A body whose end is in doubt is refused at once, because the rest of it
+        # could pass for a request.
         ("403 " + COMMON, [f"PUT $/d?action=write&flags=1&offset=0\n\n{MOST}"]),
         ("400 *", [f"{PUT}0 HTTP/1.1\r\nHost: @\r\n{headers}\r\n\r\n{begin}{HIDDEN}" for headers, begin in (
             ("Content-Length: 0\r\nContent-Length: 9", ""),
@@ -129,7 +130,7 @@ SECTIONS = {
     "--no-secret --users {0}/users": [("401 ", ["/d/in"]), ("200 content", [f"GET /d/in\n{ANN}"])],
 }
 
-# Whether a reply is what a row shows; None, or what differs.
+# Compares a reply with what a row shows; returns None, or what differs.
 def difference(shown, reply):
     head, _, body = reply.partition("\r\n\r\n")
     pattern, *headers = shown.split("\n")

@@ -66,7 +66,7 @@ void DirEntryDel(DirEntry* dir, const char* name) {
     DirEntryFree(entry);
 }
 
-// The table of extended attributes is left alone: nothing in the daemon fills one.
+// The table of extended attributes is not released: nothing in the daemon fills one.
 void DirEntryFree(DirEntry* entry) {
     leakOnPurpose(entry->xattrs);
     std::free(entry->name);

@@ -49,7 +49,7 @@ DirEntry* DirEntryAdd(DirEntry* dir, const char* name, std::int32_t type, const 
 // Removes and releases the child that the name-form look-up finds for `name`, if there is one.
 void DirEntryDel(DirEntry* dir, const char* name);
 
-// Releases `entry` and everything below it. It does not take it out of its parent's table.
+// Releases `entry` and everything below it. Does not remove `entry` from its parent's table.
 void DirEntryFree(DirEntry* entry);
 
 // The child of that name, given or stored in any normalisation form, or null.

@@ -6,10 +6,10 @@
 #include <cstring>
 #include <uthash.h>
 
-// Finds `name` in a table keyed by name: as given, then in its NFC, NFKC, NFD and NFKD spelling, first hit
-// wins; a name that cannot be converted stands for itself. All four conversions are made on every look-up, in
-// this order, hit or not and table or not. The caller holds the cache's lock, because the spellings lie in
-// static buffers.
+// Finds `name` in a table keyed by name: as given, then in its NFC, NFKC, NFD and NFKD spelling. The first hit counts;
+// a form into which the name cannot be converted is skipped. All four conversions are made on every look-up, in this
+// order, also after a hit and without a table. The caller holds the cache's lock, because the spellings are in static
+// buffers.
 template <typename Record> Record* findInNameForms(Record* table, const char* name) {
     constexpr const char* (*forms[])(const char*) = {precompose_string, precompose_string2, decompose_string,
                                                      decompose_string2};

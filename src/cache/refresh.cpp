@@ -10,7 +10,7 @@
 
 namespace {
 
-// One bit decides, so the types whose number includes it pass for directories too.
+// One bit decides, so other file types whose number contains this bit count as directories too.
 std::int32_t kindOf(const struct stat& st) {
     return (st.st_mode & S_IFDIR) != 0 ? directoryType : fileType;
 }

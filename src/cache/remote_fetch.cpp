@@ -81,7 +81,7 @@ const cJSON** memberOf(ListedEntry& entry, const char* key) {
     return nullptr;
 }
 
-// Of members with the same key, whatever its letters' case, the first one counts, as in a look-up by cJSON.
+// Of members whose keys differ at most in upper and lower case the first one counts, as in a look-up by cJSON.
 ListedEntry readListedEntry(const cJSON* element) {
     ListedEntry entry = {};
     for (const cJSON* member = element->child; member != nullptr; member = member->next) {
@@ -114,7 +114,7 @@ void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
         endForMissingMember("t");
     }
     const bool isDirectory = entry.kind->valueint == listedDirectory;
-    // What is not a string is no name.
+    // A name that is not a string is ignored.
     if (entry.name->valuestring != nullptr) {
         DirEntryAdd(dir, entry.name->valuestring, isDirectory ? directoryType : fileType, &st);
     }

@@ -1,6 +1,6 @@
 // Extended attributes of cached entries, held in memory only. The entry-level operations expect the caller to
 // hold the cache's lock; the path-level ones take it for the look-up alone, so a caller that goes on using
-// what they return holds it around the call. No value's length is kept: the reader knows how much to take.
+// what they return holds it around the call. The length of a value is not kept: the reader has to know it.
 #pragma once
 
 #include "cache/dir_entry.h"

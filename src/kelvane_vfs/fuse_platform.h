@@ -7,14 +7,14 @@
 // Called by main, before the loop: makes the main thread ready to be woken up, where the platform needs it.
 void platformBeforeLoop();
 
-// Called from the init callback, before the first file-system request: remembers the running loop, holds the FUSE
-// device by a second descriptor until the process ends, and asks the kernel for write requests of up to 128 KiB, where
-// the library does not do so itself.
+// Called from the init callback, before the first file-system request: remembers the running loop and the disk, holds
+// the FUSE device by a second descriptor until the process ends, and asks the kernel for write requests of up to
+// 128 KiB. Does nothing on macOS.
 void platformLoopStarts(struct fuse_conn_info* conn);
 
 // Called from the init callback, after the first request to the server, which took `seconds` with its connection: lets
-// the kernel read ahead of programs as far as this distance needs. Changes nothing where the server is near, where the
-// kernel refuses it to this user, and on macOS.
+// the kernel read ahead of programs as far as this distance needs. Changes nothing where the server is near, where this
+// user is not allowed to, and on macOS.
 void platformFitReadAhead(struct fuse_conn_info* conn, double seconds);
 
 // Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed. Ignores SIGPIPE

@@ -13,7 +13,7 @@
 
 namespace {
 
-// The missing-attribute error of the system that the daemon was designed on, the same on every platform.
+// The error for a missing attribute. It is macOS's number on every platform.
 constexpr int noSuchAttribute = 93;
 
 } // namespace

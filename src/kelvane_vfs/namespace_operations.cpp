@@ -32,7 +32,7 @@ int requestChange(const char* path, const char* query, Body body) {
     return accepted ? 0 : -ENOENT;
 }
 
-// The same for a change of one path, whose cache entry then follows.
+// The same for a change of one path; after success the path's cache entry is refreshed.
 int changeAndUpdate(const char* path, const char* query, Body body) {
     const int result = requestChange(path, query, body);
     if (result == 0) {

@@ -3,7 +3,7 @@
 
 #include <cstdlib>
 
-// `block`, which is a new block or a library's new object.
+// Returns `block`, which is a new block or a library's new object.
 template <typename T> T* notNull(T* block) {
     if (block == nullptr) {
         std::abort();

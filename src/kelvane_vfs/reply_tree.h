@@ -5,9 +5,9 @@
 
 #include <cjson/cJSON.h>
 
-// The tree of a reply, or null when `text` does not parse; then no tree lives. Otherwise it lives until the thread's
-// next releaseReply. A thread has one tree at a time: a call while the thread still has one ends the process through
-// abort().
+// Parses `text` into a tree, which is valid until the thread's next releaseReply. Returns null when `text` does not
+// parse; then there is nothing to release. A thread has one tree at a time: a call while the thread still has one ends
+// the process through abort().
 const cJSON* parseReply(const char* text);
 
 // Frees the memory of the thread's tree.
