@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -19,8 +20,10 @@
 #include <netdb.h>
 #include <netinet/in.h>
 #include <new>
+#include <string_view>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 namespace {
@@ -292,6 +295,25 @@ bool hasTerminal() {
     return terminal >= 0;
 }
 
+// Tells the service manager that the server is ready, if it asks for that (sd_notify(3)).
+void notifyManager() {
+    const char* name = std::getenv("NOTIFY_SOCKET");
+    sockaddr_un manager = {};
+    manager.sun_family = AF_UNIX;
+    if (name == nullptr || std::strlen(name) >= sizeof manager.sun_path) {
+        return;
+    }
+    std::strcpy(manager.sun_path, name);
+    if (*name == '@') { // an abstract address
+        manager.sun_path[0] = '\0';
+    }
+    const std::string_view message = "READY=1";
+    const int sender = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    sendto(sender, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&manager),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name)));
+    close(sender);
+}
+
 void setPort(sockaddr_storage& address, std::uint16_t port) {
     reinterpret_cast<sockaddr_in6&>(address).sin6_port = htons(port); // at the same place for both families
 }
@@ -402,6 +424,7 @@ int main(int argc, char* argv[]) {
     }
     std::puts(url.c_str());
     std::fflush(stdout);
+    notifyManager();
 
     const bool endsWithTerminal = !isDetached && hasTerminal();
     // A terminal that is closed sends SIGHUP as well. Then the server stops, as other programs do.
