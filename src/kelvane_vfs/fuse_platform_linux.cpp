@@ -9,8 +9,8 @@
 #include <fstream>
 #include <fuse_lowlevel.h>
 #include <pthread.h>
+#include <sstream>
 #include <string>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -51,14 +51,51 @@ void holdDeviceToTheEnd(struct fuse_session* session) {
     [[maybe_unused]] const int second = fcntl(device, F_DUPFD_CLOEXEC, highNumber);
 }
 
-// The device number of what is mounted at `mountDirectory`, read without asking the process that serves it; 0 when it
-// cannot be read.
-dev_t deviceAtMountDirectory() {
-    struct statx there = {};
-    if (mountDirectory == nullptr || statx(AT_FDCWD, mountDirectory, AT_STATX_DONT_SYNC, 0, &there) != 0) {
-        return 0;
+// A path as the table of mounts writes it.
+std::string escaped(const char* path) {
+    std::string text;
+    for (; *path != '\0'; ++path) {
+        switch (*path) {
+        case ' ':
+            text += "\\040";
+            break;
+        case '\t':
+            text += "\\011";
+            break;
+        case '\n':
+            text += "\\012";
+            break;
+        case '\\':
+            text += "\\134";
+            break;
+        default:
+            text += *path;
+        }
     }
-    return makedev(there.stx_dev_major, there.stx_dev_minor);
+    return text;
+}
+
+// The device number of what is mounted at `mountDirectory`; 0 when nothing is. A look at the directory itself would
+// wait for the process that serves it, and at an automount point for the mount(8) that has started this process.
+dev_t deviceAtMountDirectory() {
+    dev_t device = 0;
+    const std::string directory = mountDirectory == nullptr ? "" : escaped(mountDirectory);
+    std::ifstream table("/proc/self/mountinfo");
+    for (std::string line; std::getline(table, line);) {
+        std::istringstream fields(line);
+        std::string mount;
+        std::string parent;
+        std::string root;
+        std::string point;
+        unsigned majorNumber = 0;
+        unsigned minorNumber = 0;
+        char colon = 0;
+        fields >> mount >> parent >> majorNumber >> colon >> minorNumber >> root >> point;
+        if (point == directory) {
+            device = makedev(majorNumber, minorNumber); // the last one is on top
+        }
+    }
+    return device;
 }
 
 // One attempt to end the loop; false when the loop is over and no further one is needed. The first attempt marks the
