@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <csignal>
+#include <cstdio>
+#include <cstring>
 #include <ctime>
 #include <fcntl.h>
 #include <fstream>
@@ -55,22 +57,11 @@ void holdDeviceToTheEnd(struct fuse_session* session) {
 std::string escaped(const char* path) {
     std::string text;
     for (; *path != '\0'; ++path) {
-        switch (*path) {
-        case ' ':
-            text += "\\040";
-            break;
-        case '\t':
-            text += "\\011";
-            break;
-        case '\n':
-            text += "\\012";
-            break;
-        case '\\':
-            text += "\\134";
-            break;
-        default:
-            text += *path;
+        char escape[sizeof "\\000"] = {*path};
+        if (std::strchr(" \t\n\\", *path) != nullptr) {
+            std::snprintf(escape, sizeof escape, "\\%03o", static_cast<unsigned char>(*path));
         }
+        text += escape;
     }
     return text;
 }
@@ -83,14 +74,12 @@ dev_t deviceAtMountDirectory() {
     std::ifstream table("/proc/self/mountinfo");
     for (std::string line; std::getline(table, line);) {
         std::istringstream fields(line);
-        std::string mount;
-        std::string parent;
-        std::string root;
+        std::string other;
         std::string point;
         unsigned majorNumber = 0;
         unsigned minorNumber = 0;
         char colon = 0;
-        fields >> mount >> parent >> majorNumber >> colon >> minorNumber >> root >> point;
+        fields >> other >> other >> majorNumber >> colon >> minorNumber >> other >> point;
         if (point == directory) {
             device = makedev(majorNumber, minorNumber); // the last one is on top
         }
