@@ -77,9 +77,7 @@ def perform(action, path, query, body, header):  # status, body and further head
             if not os.path.lexists(path):
                 os.close(os.open(path, os.O_CREAT | os.O_EXCL | os.O_WRONLY, int(query["mode"]) & 0o777 | 0o600))
         case "write": return 200, written(path, body, int(query["offset"]))
-        case "truncate":
-            with opened(path, os.O_WRONLY) as file:
-                file.truncate(int(query["offset"]))
+        case "truncate": os.truncate(path, int(query["offset"]))
         case "mkdir": return os.mkdir(path) or (200, {"hc": 200})
         case "unlink": os.unlink(path)
         case "rmdir": os.rmdir(path)
@@ -102,9 +100,9 @@ class Service(BaseHTTPRequestHandler):
         self.end_headers()
         self.wfile.write(body)
 
-    def send_error(self, code, message=None, explain=None):  # the library's page would be read as a file's content
+    def send_error(self, code, *_, length=0):  # the library's page would be read as a file's content
         self.close_connection = True
-        self.reply(code, headers={"Connection": "close"})
+        self.reply(code, headers={"Connection": "close", "Content-Length": length})
 
     def do_GET(self):
         address, _, text = self.path.partition("?")
@@ -127,8 +125,7 @@ class Service(BaseHTTPRequestHandler):
             taken = action in ("mkdir", "rename") and error.errno in IN_THE_WAY
             result = (200, {"hc": 409}) if taken else (STATUS.get(error.errno, 500),)
             if result == (500,) and action in ("", "props"):  # without a body it would look empty, or gone
-                self.close_connection = True
-                return self.reply(500, headers={"Content-Length": 1})
+                return self.send_error(500, length=1)
         self.reply(*result)
 
     do_PUT = do_GET
