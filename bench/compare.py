@@ -393,6 +393,10 @@ def main():
               (name not in NEAR_SYSTEMS or not args.rtt)]
     if args.quick:
         names = [name for name in names if name not in ("growth-100000", "growth-200000")]
+    if args.before:
+        args.before = args.before.resolve()
+        if not any((args.before / name).is_file() for name in ("kelvane_vfs", "kelvane_storage")):
+            parser.error(f"{args.before} holds neither kelvane_vfs nor kelvane_storage")
     if args.judge:
         return
     for number in systems.ENDING:
