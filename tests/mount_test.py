@@ -1,6 +1,6 @@
 """The daemon and the server as their users run them: real processes, a real mount, real programs."""
-import contextlib, ctypes, itertools, os, re, signal, threading, time, unittest
-from programs import STORAGE, TOP, UNSHARE, VFS, ServerTest, shell, start, text, until
+import contextlib, itertools, os, re, signal, threading, time, unittest
+from programs import PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VFS, ServerTest, has_fuse, is_mounted, libc, shell, start, text, until
 
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
 # The daemon has to ignore its environment, and a blocked signal that it inherits.
@@ -12,23 +12,19 @@ OTHER_USER = ["env", "-u", "TSAN_OPTIONS"]
 OTHER_USER += ["setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"] if os.geteuid() == 0 else []
 OTHER_USER += ["setpriv", "--pdeathsig", "KILL"]  # which a change of user takes back
 
-@unittest.skipUnless(os.access("/dev/fuse", os.R_OK | os.W_OK), "nothing can be mounted: there is no /dev/fuse to use")
+UNSHARE = "unshare -m" if os.geteuid() == 0 else "unshare -rm"
+
+@unittest.skipUnless(has_fuse(), "nothing can be mounted: there is no /dev/fuse to use")
 class MountTest(ServerTest):
     def setUp(self):
         super().setUp()
         self.disk = self.scratch + "/disk"
         os.mkdir(self.disk)
-        ctypes.CDLL(None).prctl(36, 1)  # PR_SET_CHILD_SUBREAPER: a daemon that goes to the background comes to us
+        libc.prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
 
     def tearDown(self):
         shell(f"fusermount -u -z {self.disk}")
         super().tearDown()
-
-    def is_mounted(self):
-        try:
-            return os.stat(self.disk).st_dev != os.stat(self.scratch).st_dev
-        except OSError:
-            return True
 
     def start(self, options, *starter):
         self.daemon = start([*starter, *DAEMON, self.url, "Documents (storage)", *options, self.disk], self.disk)
@@ -39,11 +35,11 @@ class MountTest(ServerTest):
             self.assertEqual(self.daemon.wait(), 0)
             self.daemon.pid = int(text("/proc/thread-self/children").split()[-1])
             self.daemon.returncode = None
-        until(lambda: self.is_mounted() and os.access(self.disk + "/.", os.F_OK))
+        until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK), self.daemon)
 
     def ended(self, status):
         self.assertEqual(self.daemon.wait(), status, text(self.disk + ".err")[-5000:])
-        until(lambda: not self.is_mounted())
+        until(lambda: not is_mounted(self.disk))
 
     def failed(self, line):
         self.daemon.wait()
@@ -110,7 +106,7 @@ class MountTest(ServerTest):
             until(lambda: "getURL: url" in text(self.disk + ".err"))
             time.sleep(0.02)  # the first request takes at least this long
             self.server.send_signal(signal.SIGCONT)
-            until(lambda: self.is_mounted() and os.access(self.disk + "/.", os.F_OK))
+            until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK))
             device = os.stat(self.disk).st_dev
             setting = f"/sys/class/bdi/{os.major(device)}:{os.minor(device)}/read_ahead_kb"
             self.assertIn(int(text(setting)), far if os.access(setting, os.W_OK) or options else [128])

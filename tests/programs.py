@@ -1,31 +1,295 @@
-"""What the tests of the programs share: child processes that end with the test, and a served directory. Nothing here
-looks at a clock: a test that hangs is ended by ctest, and its children end with it."""
-import os, shutil, signal, subprocess, tempfile, time, unittest
+"""What tests, benchmarks and scripts share: programs that end with their starter, a served directory, a mounted disk,
+name spaces, certificates, and a directory to work in."""
+import contextlib
+import ctypes
+import fcntl
+import os
+import re
+import shutil
+import signal
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from typing import Callable, Iterator, Sequence
 
-STORAGE, VFS = (os.path.join(os.environ["KELVANE_BIN"], name) for name in ("kelvane_storage", "kelvane_vfs"))
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-# The FUSE library leaves its own records behind when its loop is ended in the middle of requests, and the leak check
-# itself hangs now and then at the end of a program that has had threads. The tests of calls look for leaks.
-os.environ["ASAN_OPTIONS"] = os.environ.get("ASAN_OPTIONS", "") + ":detect_leaks=0"
-UNSHARE = "unshare -m" if os.geteuid() == 0 else "unshare -rm"
+BIN = os.environ.get("KELVANE_BIN", TOP + "/build/run")
+STORAGE, VFS = BIN + "/kelvane_storage", BIN + "/kelvane_vfs"
+PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
+SIOCSIFFLAGS, IFF_UP = 0x8914, 1
+NEW_MOUNTS, NEW_USERS, NEW_PROCESSES, NEW_NETWORK = 0x20000, 0x10000000, 0x20000000, 0x40000000
+libc = ctypes.CDLL(None, use_errno=True)
 
-def start(command, log):  # what the program writes goes to LOG.out and LOG.err
-    with open(log + ".out", "wb") as out, open(log + ".err", "wb") as err:
-        return subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command], stdout=out, stderr=err)
 
-def shell(command):  # returns what the command wrote, and its status
+class Failure(Exception):
+    """What went wrong, in words for the reader, with the end of a program's output."""
+
+
+# Programs.
+
+running: list["Program"] = []  # all that were started, ended ones too
+
+
+class Program(subprocess.Popen):
+    """A program in a session of its own, which is killed when the thread that started it ends, whatever ends it. It
+    writes to LOG.out and LOG.err, which are emptied first."""
+
+    def __init__(self, command: Sequence[object], log: str, **options):
+        self.command, self.log, self.url = [str(word) for word in command], str(log), ""
+        with open(self.log + ".out", "wb") as out, open(self.log + ".err", "wb") as err:
+            super().__init__(["setpriv", "--pdeathsig", "KILL", *self.command],
+                             **{"stdin": subprocess.DEVNULL, "stdout": out, "stderr": err, "start_new_session": True,
+                                **options})
+        running.append(self)
+
+    def output(self) -> str:
+        """The end of what it has written."""
+        return "".join(text(self.log + name)[-5000:] for name in (".out", ".err") if os.path.isfile(self.log + name))
+
+    def failure(self, reason: str) -> Failure:
+        return Failure(f"{' '.join(self.command)[:300]}: {reason}\n{self.output()}")
+
+    def finish(self, status: int = 0) -> None:
+        """Waits for its end; a Failure if its status is another one."""
+        if self.wait() != status:
+            raise self.failure(f"ended with status {self.returncode}")
+
+    def end(self, number: int = signal.SIGTERM, status: int | None = None, seconds: float = 60) -> None:
+        """Ends it with a signal, and after the seconds with SIGKILL. A Failure if its status is not the given one."""
+        self.send_signal(number)
+        try:
+            self.wait(seconds)
+        except subprocess.TimeoutExpired:
+            os.killpg(self.pid, signal.SIGKILL)
+        if self.wait() != status and status is not None:
+            raise self.failure(f"ended with status {self.returncode}")
+
+
+start = Program
+
+
+def shell(command: str) -> tuple[str, int]:
+    """What a command of bash wrote to both streams, and its status."""
     done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.stdout.decode(errors="replace"), done.returncode
 
-def text(name):
+
+def text(name: str | os.PathLike) -> str:
+    """The bytes of a file, each as one character."""
     with open(name, encoding="latin-1", newline="") as file:
         return file.read()
 
-def until(condition):
-    while not condition():
+
+def until(condition: Callable[[], object], *programs: Program, seconds: float = 100) -> None:
+    """Returns when the condition holds. A Failure when one of the programs has ended before, or after the seconds."""
+    last = time.monotonic() + seconds
+    while True:
+        ended, late = [program for program in programs if program.poll() is not None], time.monotonic() > last
+        if condition():
+            return
+        for program in ended or programs * late:
+            raise program.failure(f"waited {seconds} seconds" if late else f"ended with status {program.returncode}")
+        if late:
+            raise Failure(f"waited {seconds} seconds")
         time.sleep(0.005)
 
+
+# Servers and disks.
+
+
+def serve(command: Sequence[object], log: str, **options) -> Program:
+    """Starts a server. Its `url` is what it prints when it is ready."""
+    server = Program(command, log, **options)
+    until(lambda: text(server.log + ".out").endswith("\n"), server)
+    server.url = text(server.log + ".out").rstrip("\n")
+    return server
+
+
+def is_mounted(point: str | os.PathLike) -> bool:
+    """Whether the mount table has the path. Looking at the disk itself could wait for its server."""
+    parent, name = os.path.split(os.path.abspath(point))
+    path = os.fsencode(os.path.join(os.path.realpath(parent), name)).decode("latin-1")
+    points = (line.split(" ")[4] for line in text("/proc/self/mountinfo").splitlines())
+    return path in (re.sub(r"\\(\d{3})", lambda code: chr(int(code[1], 8)), each) for each in points)
+
+
+def mount(command: Sequence[object], point: str | os.PathLike, log: str, **options) -> Program:
+    """Starts a daemon that stays in the foreground, and returns it when the disk answers."""
+    daemon = Program(command, log, **options)
+    until(lambda: is_mounted(point) and os.access(f"{point}/.", os.F_OK), daemon)
+    return daemon
+
+
+def has_fuse() -> bool:
+    """Whether this user can mount a disk here."""
+    with contextlib.suppress(OSError), open("/dev/fuse", "r+b", buffering=0):
+        return True
+    return False
+
+
+def make_certificate(directory: str, name: str = "IP:127.0.0.1", key: str = "key", certificate: str = "cert") -> None:
+    """Writes a key and a certificate for a name (DNS:NAME or IP:ADDRESS) into the directory."""
+    subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
+                    "-days", "2", "-subj", "/CN=test", "-addext", f"subjectAltName={name}", "-keyout", key, "-out",
+                    certificate], cwd=directory, stderr=subprocess.DEVNULL, check=True)
+
+
+def bind(source: str, target: str) -> None:
+    """Shows a file or directory in another place; for name spaces of one's own."""
+    subprocess.run(["mount", "--bind", source, target], check=True)
+
+
+def trust(certificate: str) -> None:
+    """Makes a certificate the only one that is trusted; for name spaces of one's own."""
+    bind(certificate, "/etc/ssl/certs/ca-certificates.crt")
+
+
+# Name spaces.
+
+
+def enter_spaces(kinds: int = NEW_MOUNTS) -> None:
+    """Gives this process and what it starts name spaces of their own, in which an ordinary user is root. It must have
+    one thread only. A Failure where the system forbids it."""
+    make_spaces(kinds)
+    furnish_spaces(kinds)
+
+
+def make_spaces(kinds: int) -> None:
+    user, group = os.geteuid(), os.getegid()
+    if libc.unshare(kinds | (NEW_USERS if user else 0)) != 0:
+        raise Failure(f"no name spaces: {os.strerror(ctypes.get_errno())}")
+    if user:
+        for name, line in (("setgroups", "deny"), ("uid_map", f"0 {user} 1"), ("gid_map", f"0 {group} 1")):
+            with open("/proc/self/" + name, "w") as file:
+                file.write(line)
+
+
+def furnish_spaces(kinds: int) -> None:
+    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    if kinds & NEW_NETWORK:
+        with socket.socket() as any_socket:  # brings lo up
+            fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
+
+
+def in_spaces(story: Callable[[], None]) -> int:
+    """Runs a function in a child process with mounts, a network and processes of its own. Returns the status with which
+    it exits. When it ends, or this process does, everything that it has started is ended."""
+    kinds = NEW_MOUNTS | NEW_NETWORK | NEW_PROCESSES
+
+    def enter() -> None:
+        make_spaces(kinds)
+        sys.exit(forked(first))
+
+    def first() -> None:
+        furnish_spaces(kinds)
+        subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
+        story()
+    end_by_signals()
+    return forked(enter)
+
+
+def forked(work: Callable[[], None]) -> int:
+    """Runs a function in a child process, to which it passes its own end on. Returns the status."""
+    child = os.fork()
+    if child == 0:
+        libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
+        running.clear()
+        code = 1
+        try:
+            work()
+            code = 0
+        except SystemExit as ending:
+            code = ending.code
+        except BaseException:
+            sys.excepthook(*sys.exc_info())
+        if isinstance(code, str):
+            code = print(code, file=sys.stderr) or 1
+        sys.stdout.flush()
+        sys.stderr.flush()
+        os._exit(code or 0)
+    try:
+        return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+    except SystemExit:
+        os.kill(child, signal.SIGTERM)
+        os.waitpid(child, 0)
+        raise
+
+
+def inside(pid: int, *command: object) -> list[str]:
+    """The command, to be run in the network of a process."""
+    return ["nsenter", f"--net=/proc/{pid}/ns/net", *map(str, command)]
+
+
+# What scripts say and do.
+
+
+def say(line: str) -> None:
+    print("== " + line, flush=True)
+
+
+def common(commands: str) -> None:
+    """Runs commands of the shell that know scripts/common.sh. If they fail, this program ends with their status."""
+    done = subprocess.run(["bash", "-c", f'. "{TOP}/scripts/common.sh" && {commands}', sys.argv[0]])
+    if done.returncode != 0:
+        sys.exit(done.returncode)
+
+
+def end_by_signals() -> None:
+    """Lets signals end this program by SystemExit, so that it cleans up. A second signal does not disturb that."""
+    def end(number, _):
+        for each in signals:
+            signal.signal(each, signal.SIG_IGN)
+        sys.exit(128 + number)
+    signals = (signal.SIGHUP, signal.SIGINT, signal.SIGPIPE, signal.SIGTERM)
+    for each in signals:
+        signal.signal(each, end)
+
+
+@contextlib.contextmanager
+def workplace(name: str, parent: str | None = None) -> Iterator[str]:
+    """A new directory, and signals that end this program by SystemExit. At the end everything that was started is
+    killed, what is mounted below the directory is unmounted, and the directory is removed. After a Failure its files
+    are kept in build/logs/NAME, and this program ends with status 1."""
+    end_by_signals()
+    work = tempfile.mkdtemp(prefix=f"kelvane-{name}-", dir=parent)
+    try:
+        yield work
+    except Failure as failure:
+        kept = f"{TOP}/build/logs/{name}"
+        shutil.rmtree(kept, ignore_errors=True)
+        os.makedirs(kept)
+        for entry in os.scandir(work):
+            if entry.is_file(follow_symlinks=False):
+                shutil.copy(entry.path, kept)
+        if os.geteuid() == 0:
+            subprocess.run(["chown", "-R", "--reference=" + TOP, TOP + "/build/logs"], stderr=subprocess.DEVNULL)
+        sys.exit(f"{os.path.basename(sys.argv[0])}: {failure}\nthe logs are in {kept}")
+    finally:
+        clean_up(work)
+
+
+def clean_up(work: str) -> None:
+    """Kills what was started, unmounts what is mounted below a directory, and removes the directory."""
+    for program in running:
+        if program.poll() is None:
+            os.killpg(program.pid, signal.SIGKILL)
+    shell(f"findmnt -rno TARGET | tac | grep -F '{work}/' | while read -r point; do"
+          ' fusermount -u -z "$(printf %b "$point")" || umount -l "$(printf %b "$point")"; done')
+    for program in running:
+        program.wait()
+    running.clear()
+    subprocess.run(["rm", "-rf", "--one-file-system", work])  # never through a disk that could not be unmounted
+
+
+# Tests.
+
+
 class ServerTest(unittest.TestCase):
+    """A test with a scratch directory, and in it a directory that can be served."""
     maxDiff = 5000
 
     def setUp(self):
@@ -34,30 +298,29 @@ class ServerTest(unittest.TestCase):
         self.tree, self.server = self.scratch + "/tree", None
         os.mkdir(self.tree)
 
+        self.addCleanup(clean_up, self.scratch)
+
     def tearDown(self):
         self.end_server()
-        shutil.rmtree(self.scratch)
 
-    def serve(self, *command):
-        self.server = start([*(command or [STORAGE]), self.tree], self.scratch + "/server")
-        until(lambda: text(self.scratch + "/server.out").endswith("\n") or self.server.poll() is not None)
-        self.assertIsNone(self.server.poll(), text(self.scratch + "/server.err"))
-        self.url = text(self.scratch + "/server.out").rstrip("\n")
+    def serve(self, *command: str) -> None:
+        """Starts the server, or another command that serves the directory."""
+        self.server = serve([*(command or [STORAGE]), self.tree], self.scratch + "/server")
+        self.url = self.server.url
 
-    def freeze(self):
+    def freeze(self) -> None:
         self.server.send_signal(signal.SIGSTOP)
         os.waitpid(self.server.pid, os.WUNTRACED)  # it may take one more request on its way
 
-    def end_server(self, status=0):
+    def end_server(self, status: int = 0) -> None:
         if self.server:
-            self.server.terminate()
-            self.server.send_signal(signal.SIGCONT)
-            self.assertEqual(self.server.wait(), status, text(self.scratch + "/server.err"))
-            self.server = None
+            server, self.server = self.server, None
+            server.terminate()
+            server.send_signal(signal.SIGCONT)
+            server.finish(status)
 
-    def make_certificate(self):
-        self.check(f"cd {self.scratch} && openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
-                   "-days 2 -subj /CN=test -addext subjectAltName=IP:127.0.0.1 -keyout key -out cert 2>/dev/null")
+    def make_certificate(self) -> None:
+        make_certificate(self.scratch)
 
-    def check(self, command, expected=("", 0)):
+    def check(self, command: str, expected: tuple[str, int] = ("", 0)) -> None:
         self.assertEqual(shell(command), expected, command)
