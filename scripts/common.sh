@@ -1,4 +1,5 @@
 # Shared by the scripts, which source it first: help, messages, packages, builds, and long commands with their logs.
+# shellcheck shell=bash disable=SC2034
 
 top=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 logs=$top/build/logs
@@ -7,8 +8,9 @@ export LC_ALL=C.UTF-8
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev)
 # clang and its tools in the release's own version.
-test_packages=(libgtest-dev libbenchmark-dev clang clang-format clang-tidy libclang-rt-dev git rsync sqlite3 openssl
+test_packages=(libgtest-dev libbenchmark-dev clang clang-tidy libclang-rt-dev git rsync sqlite3 openssl
     ca-certificates curl gobjc++ libgnustep-base-dev python3)
+format_packages=(clang-format shellcheck flake8)
 soak_packages=(fio stress-ng)
 
 say() { printf '== %s\n' "$*"; }
@@ -76,10 +78,9 @@ last_line() { tail -n 1 "$log"; }
 # Installs the named packages that are missing.
 need_packages() {
     command -v dpkg-query >/dev/null || { say "this is not Debian; make sure that these are installed: $*"; return 0; }
-    local missing=() package root=() log=$logs/packages.log
-    for package in "$@"; do
-        dpkg-query -W -f '${Status}' "$package" 2>/dev/null | grep -q '^install ok installed' || missing+=("$package")
-    done
+    local missing root=() log=$logs/packages.log
+    mapfile -t missing < <(printf '%s\n' "$@" | grep -vxF -f <(
+        dpkg-query -W -f '${Package} ${Status}\n' "$@" 2>/dev/null | sed -n 's/ install ok installed$//p'))
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${missing[*]}"
     if [ "$(id -u)" -ne 0 ]; then

@@ -1,4 +1,5 @@
 # What programs do to a disk, step by step; run in an empty directory, on the mount and on a plain directory.
+# shellcheck shell=bash
 exec 2>&1
 export LC_ALL=C.UTF-8 GIT_CONFIG_GLOBAL=/dev/null GIT_AUTHOR_DATE='@0 +0000' GIT_COMMITTER_DATE='@0 +0000'
 git() { command git -c user.name=T -c user.email=t@example.invalid -c init.defaultBranch=main "$@"; }
@@ -12,7 +13,7 @@ dd if=src/sub/b of=odd bs=1000 seek=7 count=9 conv=notrunc status=none
 md5sum odd; truncate -s 300001 odd; md5sum odd; tail -c +299990 odd | od; truncate -s 9 odd; od -c odd; : >odd; cat odd
 echo one >>log; echo two >>log; cat log; stat -c %s log
 echo saved >doc && echo newer >.doc.swp && mv .doc.swp doc && cat doc && ls -A
-exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; while ls -A | grep -q hidden; do sleep 0.1; done; ls -A
+exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; while compgen -G '.fuse_hidden*'; do sleep 0.1; done; ls -A
 mkdir -p é/ü/ñ && echo x >é/ü/ñ/ø && mv é/ü z && cat z/ñ/ø && ls -R é z && rm -r é z
 sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; select a from t; vacuum'
 git init -q repo && cp -r src/* repo && (cd repo && git add . && git commit -qm one && git fsck && git log --stat)
