@@ -164,10 +164,11 @@ BENCHMARK(requestRange)->Arg(4096)->Arg(131072)->Arg(fileSize)->UseRealTime();
 } // namespace
 
 // Linked with --wrap.
-char* realGetURL(const char*, const char*, std::size_t*, char*, long*) asm("__real__Z6getURLPKcS0_PmPcPl");
-char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long*) asm("__wrap__Z6getURLPKcS0_PmPcPl");
-char* wrappedGetURL(const char* path, const char* query, std::size_t* received, char* headers, long* status) {
-    return listingReply == nullptr ? realGetURL(path, query, received, headers, status) : strdup(listingReply->c_str());
+extern "C" char* __real_getURL(const char*, const char*, std::size_t*, char*, long*);
+extern "C" char* __wrap_getURL(const char* path, const char* query, std::size_t* received, char* headers,
+                               long* status) {
+    return listingReply == nullptr ? __real_getURL(path, query, received, headers, status)
+                                   : strdup(listingReply->c_str());
 }
 
 int main(int argc, char* argv[]) {

@@ -16,15 +16,13 @@ static std::string body;
 static std::jmp_buf aborted;
 
 // These replace the transport and abort() (linked with --wrap).
-char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long*) asm("__wrap__Z6getURLPKcS0_PmPcPl");
-char* wrappedGetURL(const char*, const char*, std::size_t*, char*, long* status) {
+extern "C" char* __wrap_getURL(const char*, const char*, std::size_t*, char*, long* status) {
     if (status != nullptr) {
         *status = 200;
     }
     return strdup(body.c_str());
 }
-[[noreturn]] void wrappedAbort() asm("__wrap_abort");
-void wrappedAbort() {
+extern "C" [[noreturn]] void __wrap_abort() {
     std::longjmp(aborted, 1);
 }
 

@@ -182,7 +182,9 @@ std::string transcript() {
     return text;
 }
 
-void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row) {
+void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row, int atLine,
+               const char* inFile) {
+    const testing::ScopedTrace trace(inFile, atLine, row);
     Strings replies = fieldsOf(start);
     const std::size_t taken = replies.size();
     std::string expected, text;
@@ -204,5 +206,5 @@ void expectRow(const std::string& start, const std::function<long()>& call, cons
     if (expected.starts_with("\n...\n") && text.ends_with(expected.substr(4))) {
         text = expected;
     }
-    EXPECT_EQ(text, expected) << row;
+    EXPECT_EQ(text, expected);
 }

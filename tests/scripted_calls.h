@@ -20,7 +20,9 @@ std::string bodyText(const std::string& body);
 
 // `start` answers, in fields, what comes before the call: nothing (there is no cache then), the request for the root's
 // attributes, or also those for the listings of "/", "/d" and "/dir x".
-void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row);
+// A failure names the caller's line; clang 14 has no std::source_location for that.
+void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row,
+               int atLine = __builtin_LINE(), const char* inFile = __builtin_FILE());
 
 // In the child: the clock, which moves on by `clockStep` seconds each time it is read; what has happened so far.
 extern time_t clockNow, clockStep;

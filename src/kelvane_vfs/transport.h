@@ -44,7 +44,7 @@ std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t 
 // GET of the base URL, the encoded service spelling of `path` and, if not null, "?" and `query`. `headers` is
 // null or extra header lines separated by "\n", which are cut apart in place. `received` (body bytes) and
 // `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it.
-char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status);
+extern "C" char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status);
 
 // PUT of `length` bytes at `data` to the same kind of URL. The order of the results differs: `status` comes first.
 char* postURL(const char* path, const char* query, const void* data, std::size_t length, long* status,
