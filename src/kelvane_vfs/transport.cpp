@@ -6,6 +6,7 @@
 #include "kelvane_vfs/process.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,6 +25,30 @@ constexpr long transferBufferSize = 144L * 1024;
 
 // A write may send "Expect: 100-continue", but does not wait a round trip for the answer. In milliseconds.
 constexpr long longestExpectWait = 1;
+
+// libcurl over OpenSSL parses the bundle of all authorities for each new connection. Where it also knows a directory
+// that has them under their hashes, OpenSSL reads only the one it needs.
+bool knowsAuthorityDirectory() {
+    const curl_version_info_data* libcurl = curl_version_info(CURLVERSION_NOW);
+    return libcurl->capath != nullptr && libcurl->ssl_version != nullptr &&
+           std::strncmp(libcurl->ssl_version, "OpenSSL/", std::strlen("OpenSSL/")) == 0;
+}
+
+// The server's authority was found in the bundle only.
+std::atomic<bool> needsBundle{false};
+
+// Performs the handle's request. What the directory does not verify, and nothing but the handshake has happened then,
+// the bundle may: an administrator may have replaced only the bundle, or may be renewing the directory.
+CURLcode perform(CURL* handle) {
+    const CURLcode result = curl_easy_perform(handle);
+    if (result != CURLE_PEER_FAILED_VERIFICATION || !knowsAuthorityDirectory()) {
+        return result;
+    }
+    curl_easy_setopt(handle, CURLOPT_CAINFO, curl_version_info(CURLVERSION_NOW)->cainfo);
+    const CURLcode second = curl_easy_perform(handle);
+    needsBundle = needsBundle || second == CURLE_OK;
+    return second;
+}
 
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
 char* buildURL(const char* path, const char* query) {
@@ -80,6 +105,9 @@ CURL* getCurlHandle() {
         curl_easy_setopt(handle, CURLOPT_BUFFERSIZE, transferBufferSize);
         curl_easy_setopt(handle, CURLOPT_UPLOAD_BUFFERSIZE, transferBufferSize);
         curl_easy_setopt(handle, CURLOPT_EXPECT_100_TIMEOUT_MS, longestExpectWait);
+        if (knowsAuthorityDirectory() && !needsBundle) {
+            curl_easy_setopt(handle, CURLOPT_CAINFO, nullptr);
+        }
         pthread_setspecific(lubcurlKey, handle);
     }
     return handle;
@@ -130,7 +158,7 @@ char* getURL(const char* path, const char* query, std::size_t* received, char* h
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
-    const CURLcode result = curl_easy_perform(handle);
+    const CURLcode result = perform(handle);
     if (result != CURLE_OK) {
         std::printf("CURL error: %s\n", curl_easy_strerror(result));
         if (received != nullptr) {
@@ -170,7 +198,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
-    const CURLcode result = curl_easy_perform(handle);
+    const CURLcode result = perform(handle);
     // The buffer lives only as long as this call, the handle longer.
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
     if (result != CURLE_OK) {
