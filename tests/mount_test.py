@@ -37,6 +37,10 @@ class MountTest(ServerTest):
             self.daemon.returncode = None
         until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK), self.daemon)
 
+    def until_asked(self):  # until bytes of a request wait in the frozen server's socket
+        port = int(re.search(r":(\d+)/", self.url)[1])
+        until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))
+
     def ended(self, status):
         self.assertEqual(self.daemon.wait(), status, text(self.disk + ".err")[-5000:])
         until(lambda: not is_mounted(self.disk))
@@ -99,12 +103,12 @@ class MountTest(ServerTest):
         self.unmount()
 
     def test_read_ahead_fits_the_distance(self):
-        for options, far in ((), range(2432, 8193)), (("-o", "max_readahead=65536"), [64]):
+        for options, far in ((), range(4864, 8193)), (("-o", "max_readahead=65536"), [64]), (["-s"], [128]):
             self.serve()
             self.freeze()
             self.start(["-f", *options])
-            until(lambda: "getURL: url" in text(self.disk + ".err"))
-            time.sleep(0.02)  # the first request takes at least this long
+            self.until_asked()
+            time.sleep(0.02)  # the first reply takes at least this long
             self.server.send_signal(signal.SIGCONT)
             until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK))
             device = os.stat(self.disk).st_dev
@@ -181,9 +185,7 @@ class MountTest(ServerTest):
                 self.mount(mode)
                 self.freeze()
                 reader = start(["ls", self.disk + "/directory"], self.scratch + "/reader")
-                port = int(re.search(r":(\d+)/", self.url)[1])
-                # Until bytes of the request wait in the frozen server's socket.
-                until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")))
+                self.until_asked()
                 for way in signal.SIGINT, signal.SIGTERM:
                     os.kill(self.daemon.pid, way)
                 self.ended(1)

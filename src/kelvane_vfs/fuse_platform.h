@@ -12,10 +12,10 @@ void platformBeforeLoop();
 // 128 KiB. Does nothing on macOS.
 void platformLoopStarts(struct fuse_conn_info* conn);
 
-// Called from the init callback, after the first request to the server, which took `seconds` with its connection: lets
-// the kernel read ahead of programs as far as this distance needs. Changes nothing where the server is near, where this
-// user is not allowed to, and on macOS.
-void platformFitReadAhead(struct fuse_conn_info* conn, double seconds);
+// Called from the init callback: lets the kernel read ahead of programs as far as a server needs whose replies take
+// `roundTrip` seconds. Changes nothing where the server is near, where one request at a time is served, where this user
+// is not allowed to, and on macOS.
+void platformFitReadAhead(struct fuse_conn_info* conn, double roundTrip);
 
 // Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed. Ignores SIGPIPE
 // again, which the library has set back.

@@ -37,6 +37,7 @@ constexpr unsigned largestRead = 131072;
 constexpr unsigned mostReadsAhead = 64;
 constexpr unsigned usualBackground = 12;     // requests that the kernel has under way in the background
 constexpr double lineBytesPerSecond = 125e6; // of a gigabit line
+constexpr unsigned readAheads = 2;           // under way at once: the next begins while one is read
 
 constexpr long firstPauseNanoseconds = 1'000'000;
 constexpr long longestPauseNanoseconds = 128'000'000;
@@ -138,9 +139,13 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
     }
 }
 
-void platformFitReadAhead(struct fuse_conn_info* conn, double seconds) {
-    const double distance = seconds * lineBytesPerSecond / largestRead;
-    const auto reads = static_cast<unsigned>(std::min<double>(distance, mostReadsAhead));
+void platformFitReadAhead(struct fuse_conn_info* conn, double roundTrip) {
+    const double onTheWay = readAheads * roundTrip * lineBytesPerSecond / largestRead;
+    const auto reads = static_cast<unsigned>(std::min<double>(onTheWay, mostReadsAhead));
+    // On the main thread runs the loop with one request at a time: look-ups would wait for all that is read ahead.
+    if (pthread_equal(pthread_self(), mainThread) != 0) {
+        return;
+    }
     // A limit below the kernel's own was chosen on the command line.
     if (reads < 2 || conn->max_readahead < largestRead) {
         return;
@@ -151,9 +156,9 @@ void platformFitReadAhead(struct fuse_conn_info* conn, double seconds) {
         return;
     }
     conn->max_readahead = reads * largestRead;
-    // Two read-aheads of this length are under way at once. The kernel's own limits would delay one of them.
+    // The kernel's own limits would delay the second of them.
     if (conn->max_background == 0) {
-        conn->max_background = std::max(2 * reads, usualBackground);
+        conn->max_background = std::max(readAheads * reads, usualBackground);
         conn->congestion_threshold = conn->max_background;
     }
 }

@@ -2,8 +2,7 @@
 
 #include "cache/life.h"
 #include "kelvane_vfs/stop_path.h"
-
-#include <chrono>
+#include "kelvane_vfs/transport.h"
 
 namespace {
 
@@ -25,10 +24,8 @@ void* kelvane_init(struct fuse_conn_info* conn) {
     platformLoopStarts(conn);
     prepareToStop();
     signals_init();
-    const auto start = std::chrono::steady_clock::now();
     DirInit();
-    const std::chrono::duration<double> firstRequest = std::chrono::steady_clock::now() - start;
-    platformFitReadAhead(conn, firstRequest.count());
+    platformFitReadAhead(conn, lastReplySeconds());
     return nullptr;
 }
 

@@ -143,6 +143,15 @@ std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t 
     return count;
 }
 
+double lastReplySeconds() {
+    CURL* handle = getCurlHandle();
+    double sent = 0;
+    double answered = 0;
+    curl_easy_getinfo(handle, CURLINFO_PRETRANSFER_TIME, &sent);
+    curl_easy_getinfo(handle, CURLINFO_STARTTRANSFER_TIME, &answered);
+    return answered - sent;
+}
+
 char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status) {
     std::fprintf(stderr, "getURL: path: %s, query: %s\n", path, query != nullptr ? query : "(null)");
     ReplyBuffer reply = startReply();

@@ -41,6 +41,9 @@ std::size_t WriteMemoryCallback(const void* contents, std::size_t size, std::siz
 // libcurl's read callback: takes the next bytes of the UploadSource `user`; 0 at its end.
 std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t nmemb, void* user);
 
+// The time from the start of the thread's last request on its connection to the first byte of its reply, in seconds.
+double lastReplySeconds();
+
 // GET of the base URL, the encoded service spelling of `path` and, if not null, "?" and `query`. `headers` is
 // null or extra header lines separated by "\n", which are cut apart in place. `received` (body bytes) and
 // `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it.
