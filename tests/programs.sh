@@ -13,7 +13,8 @@ dd if=src/sub/b of=odd bs=1000 seek=7 count=9 conv=notrunc status=none
 md5sum odd; truncate -s 300001 odd; md5sum odd; tail -c +299990 odd | od; truncate -s 9 odd; od -c odd; : >odd; cat odd
 echo one >>log; echo two >>log; cat log; stat -c %s log
 echo saved >doc && echo newer >.doc.swp && mv .doc.swp doc && cat doc && ls -A
-exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-; while compgen -G '.fuse_hidden*'; do sleep 0.1; done; ls -A
+exec 3>open; echo a >&3; rm open; echo b >&3; exec 3>&-
+while compgen -G '.fuse_hidden*' >/dev/null; do sleep 0.1; done; ls -A
 mkdir -p é/ü/ñ && echo x >é/ü/ñ/ø && mv é/ü z && cat z/ñ/ø && ls -R é z && rm -r é z
 sqlite3 t.db 'create table t(a); insert into t values(1),(2); delete from t where a=1; select a from t; vacuum'
 git init -q repo && cp -r src/* repo && (cd repo && git add . && git commit -qm one && git fsck && git log --stat)

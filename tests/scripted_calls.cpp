@@ -75,6 +75,11 @@ FILE* noteStream(const char* tag) {
 }
 
 std::string http(const std::string& reply) {
+    if (reply.starts_with("keep")) {
+        std::string kept = "keep" + http(reply.substr(4));
+        replaceAll(kept, "Connection: close\r\n", "");
+        return kept;
+    }
     if (reply.empty() || std::isdigit(reply[0]) == 0) {
         return reply;
     }
@@ -83,10 +88,7 @@ std::string http(const std::string& reply) {
     return "HTTP/1.1 " + reply.substr(0, 3) + " OK\r\nConnection: close" + size + "\r\n\r\n" + body;
 }
 
-// Takes one request and answers it; a reply that begins with "reset" has the connection reset.
-void serve(int listener, const std::string& reply) {
-    const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
-    FILE* incoming = fdopen(connection, "r");
+void takeRequest(FILE* incoming, int connection) {
     std::string request, body;
     for (char line[8192]; std::fgets(line, sizeof line, incoming) != nullptr && *line != '\r';) {
         const std::string text(line, std::strlen(line) - 2);
@@ -100,9 +102,22 @@ void serve(int listener, const std::string& reply) {
     }
     body.resize(std::fread(body.data(), 1, body.size(), incoming));
     note("> ", request + bodyText(body));
-    const std::size_t word = reply.starts_with("reset") ? 5 : 0;
-    const linger now = {word > 0 ? 1 : 0, 0};
+}
+
+// Takes one request and answers it. A reply that begins with "reset" has the connection reset; one that begins with
+// "keep" has it closed when one more request has come, which gets nothing.
+void serve(int listener, const std::string& reply) {
+    const int connection = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
+    FILE* incoming = fdopen(connection, "r");
+    takeRequest(incoming, connection);
+    const bool resets = reply.starts_with("reset");
+    const bool keeps = reply.starts_with("keep");
+    const std::size_t word = resets ? 5 : keeps ? 4 : 0;
+    const linger now = {resets ? 1 : 0, 0};
     send(connection, reply.data() + word, reply.size() - word, MSG_NOSIGNAL);
+    if (keeps) {
+        takeRequest(incoming, -1);
+    }
     setsockopt(connection, SOL_SOCKET, SO_LINGER, &now, sizeof now);
     std::fclose(incoming);
 }

@@ -3,8 +3,8 @@
 // "; " or a line's end:
 //   "O TEXT", "E TEXT"  a line on one of the output streams; the lines of the transport and of the path look-up count
 //       only in rows that have one of them
-//   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone (one that
-//       begins with "reset" has the connection reset behind it)
+//   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone; one that
+//       begins with "reset" has the connection reset behind it, with "keep" closed when another request has come
 //   "= NUMBER"  the call's result
 //   "exit STATUS", "signal NUMBER"  the child's end, if that is not exit 0
 // With "..." for its first field a row gives the end of the text. The service's address is HOST; `words` are replaced.

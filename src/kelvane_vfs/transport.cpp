@@ -152,6 +152,11 @@ double lastReplySeconds() {
     return answered - sent;
 }
 
+int SeekMemoryCallback(void* user, curl_off_t offset, int) {
+    static_cast<UploadSource*>(user)->position = static_cast<std::size_t>(offset);
+    return CURL_SEEKFUNC_OK;
+}
+
 char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status) {
     std::fprintf(stderr, "getURL: path: %s, query: %s\n", path, query != nullptr ? query : "(null)");
     ReplyBuffer reply = startReply();
@@ -203,13 +208,16 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers);
     curl_easy_setopt(handle, CURLOPT_READFUNCTION, ReadMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_READDATA, &source);
+    curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, SeekMemoryCallback);
+    curl_easy_setopt(handle, CURLOPT_SEEKDATA, &source);
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, errorText);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
     const CURLcode result = perform(handle);
-    // The buffer lives only as long as this call, the handle longer.
+    // The buffer and the source live only as long as this call, the handle longer.
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
+    curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, nullptr);
     if (result != CURLE_OK) {
         std::fprintf(stderr, "UPLOAD failed due to %s\n", errorText);
         if (status != nullptr) {

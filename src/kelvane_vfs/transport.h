@@ -44,6 +44,10 @@ std::size_t ReadMemoryCallback(void* destination, std::size_t size, std::size_t 
 // The time from the start of the thread's last request on its connection to the first byte of its reply, in seconds.
 double lastReplySeconds();
 
+// libcurl's seek callback: goes on at `offset` from the start of the UploadSource `user`. libcurl repeats a request
+// after the server closed the kept connection at that moment.
+int SeekMemoryCallback(void* user, curl_off_t offset, int origin);
+
 // GET of the base URL, the encoded service spelling of `path` and, if not null, "?" and `query`. `headers` is
 // null or extra header lines separated by "\n", which are cut apart in place. `received` (body bytes) and
 // `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it.
