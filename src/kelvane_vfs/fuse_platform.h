@@ -4,7 +4,8 @@
 #define FUSE_USE_VERSION 26
 #include <fuse.h>
 
-// Called by main, before the loop: makes the main thread ready to be woken up, where the platform needs it.
+// Called by main, before the loop: allows as many descriptors as the system does (each thread that makes requests needs
+// three) and, where the platform needs it, tells the heap what to keep and makes the main thread ready to be woken up.
 void platformBeforeLoop();
 
 // Called from the init callback, before the first file-system request: remembers the running loop and the disk, holds

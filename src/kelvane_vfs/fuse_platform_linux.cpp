@@ -10,9 +10,11 @@
 #include <fcntl.h>
 #include <fstream>
 #include <fuse_lowlevel.h>
+#include <malloc.h>
 #include <pthread.h>
 #include <sstream>
 #include <string>
+#include <sys/resource.h>
 #include <sys/sysmacros.h>
 
 namespace {
@@ -112,9 +114,20 @@ bool endLoopOnce(bool& marked) {
 
 } // namespace
 
-// The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
-// SA_RESTART, and unblocked, because the parent process may have blocked it.
 void platformBeforeLoop() {
+    // Blocks of this size or more go back to the system when they are freed, and up to twice as much free memory stays
+    // at the end of a heap. The buffers of a read or a write are smaller than that, those of a long listing larger.
+    constexpr int largestKeptBlock = 1 << 19;
+    mallopt(M_MMAP_THRESHOLD, largestKeptBlock);
+    mallopt(M_TRIM_THRESHOLD, 2 * largestKeptBlock);
+
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = descriptors.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+
+    // The signal that ends a sleep of the main thread: one that neither users nor the FUSE library send, without
+    // SA_RESTART, and unblocked, because the parent process may have blocked it.
     struct sigaction wake = {};
     wake.sa_handler = wakeUp;
     sigemptyset(&wake.sa_mask);

@@ -3,8 +3,11 @@
 #include "kelvane_vfs/operations.h"
 #include "kelvane_vfs/process.h"
 
+#include <algorithm>
+#include <climits>
 #include <csignal>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <type_traits>
@@ -18,9 +21,15 @@ static_assert(sizeof(statvfs::f_blocks) == 4 && sizeof(statvfs::f_bfree) == 4 &&
 static_assert(sizeof(statvfs::f_bsize) == 8 && sizeof(statvfs::f_frsize) == 8 && sizeof(statvfs::f_namemax) == 8);
 static_assert(std::is_same_v<decltype(fuse_operations::getxattr), decltype(&kelvane_getxattr)>);
 
-// The library ends its loop itself, and its kernel part sends writes of the size that it was mounted with.
+// The library ends its loop itself, and its kernel part sends writes of the size that it was mounted with. The heap
+// gives free memory back by itself.
 
-void platformBeforeLoop() {}
+void platformBeforeLoop() {
+    rlimit descriptors = {};
+    getrlimit(RLIMIT_NOFILE, &descriptors);
+    descriptors.rlim_cur = std::min<rlim_t>(descriptors.rlim_max, OPEN_MAX); // more is refused
+    setrlimit(RLIMIT_NOFILE, &descriptors);
+}
 
 void platformLoopStarts(struct fuse_conn_info*) {}
 

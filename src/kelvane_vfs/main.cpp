@@ -41,7 +41,6 @@ int main(int argc, char* argv[]) {
         return 1;
     }
     forgetEnvironment();
-    tuneHeap();
     // Each line of the trace has to appear at once, and must not be lost when the process ends through abort().
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
 

@@ -1,4 +1,4 @@
-// What exists once in a process: its globals, its standard descriptors, its environment, its heap and its end. `main`
+// What exists once in a process: its globals, its standard descriptors, its environment and its end. `main`
 // sets the globals before the FUSE loop starts, except the pipe and the exit thread (stop_path), `exitCode` and
 // `finderInformed`.
 #pragma once
@@ -43,9 +43,6 @@ void raiseDescriptorLimit();
 // Empties the environment, where the libraries would look for proxies, certificates, name servers, stack sizes and
 // more: what the daemon does depends on its command line alone. Called before the first thread is made.
 void forgetEnvironment();
-
-// Tells the heap which freed memory to keep, where the platform needs it.
-void tuneHeap();
 
 // Ends the process with `status` after flushing standard output, without running exit handlers: other threads are still
 // inside libcurl and its TLS library, whose clean-up would free what they use. When several threads call it at once,

@@ -6,6 +6,8 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
+#define OPEN_MAX 10240
+
 using darwin_mode_t = std::uint16_t;
 
 inline int unmount(const char*, int) {

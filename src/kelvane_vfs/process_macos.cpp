@@ -1,4 +1,0 @@
-#include "kelvane_vfs/process.h"
-
-// The heap of macOS gives free memory back by itself.
-void tuneHeap() {}
