@@ -242,7 +242,7 @@ TEST(Calls, WritesInParts) {
             part(262144, 37856, "5000262144", "200 FILE5; ") + all + "300000");
     ROW(tree, show(writeFile(131073, 0), "/a.txt"),
         "..." + part(0, 131072, "0", "200 FILE5") + part(131072, 1, "131072", "300; ") + all + "-1");
-    ROW(start, (writeFile(3, 0), writeFile(9, 3)),
+    ROW(tree, (writeFile(3, 0), writeFile(9, 3)),
         line + "3 offset: 0" + part(0, 3, "0", "keep200 FILE5; ") + line +
             "9 offset: 3; > PUT /%2Fa.txt?action=write&flags=8194&offset=3|TYPE" + data.substr(0, 9) +
             part(0, 9, "3", "200 FILE5; = 9"));
