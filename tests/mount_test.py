@@ -199,14 +199,17 @@ class MountTest(ServerTest):
         self.unmount()
 
     def test_what_is_wrong(self):
-        shell(f"printf 'me:secret\\n' >{self.scratch}/users; chmod 600 {self.scratch}/users")
+        shell(f"printf 'me:secret\\nreader:secret:ro\\n' >{self.scratch}/users; chmod 600 {self.scratch}/users")
         self.serve(STORAGE, "--no-secret", "--users", self.scratch + "/users")
         for url, words, status in (
-                (self.url.replace("//", "//me:secret@"), "", 0), (self.url, "401: wrong name or password", 78),
+                (self.url.replace("//", "//me:secret@"), "the disk can be mounted\n", 0),
+                (self.url.replace("//", "//reader:secret@"), "refuses changes: mount the disk with -o ro", 0),
+                (self.url.replace("http", "https"), "no HTTPS connection", 75), (self.url, "401: wrong name or password", 78),
                 (self.url.replace("//", "//me:secret@") + "x/", "404: wrong base URL", 78),
                 (self.url.rstrip("/"), "needs a slash", 78), ("http://127.0.0.1:9/", "no connection to ", 75)):
             said, ended = shell(f"printf %s '{url}' | {TOP}/packaging/kelvane_check")
             self.assertEqual((words in said, "secret" in said, ended), (True, False, status), said)
+            self.assertEqual("refuses changes" in said, "reader" in url, said)
 
     def test_lost_server(self):
         for _ in range(5):
