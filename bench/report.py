@@ -1,14 +1,21 @@
 """Turns the results of a comparison into Markdown tables and a chart."""
+import dataclasses
 import json
 import math
 import re
 import statistics
+from dataclasses import dataclass
+from pathlib import Path
+
+from systems import Usage
+from workloads import MEBIBYTE, PARALLEL, SCALES, Amounts, Result
 
 TITLES = {  # by metric: what is timed
     "start": "start to first listing",
     "cold find": "cold `find -ls`, {all_files:,} files",
     "warm find": "warm `find -ls`, {all_files:,} files",
     "large": "cold `find -ls`, 50,000 entries in one directory",
+    **{f"{count} entries": f"the same, {count:,} entries" for count in SCALES},
     "stat": "10,000 `stat`, kernel caching off",
     "read": "sequential read, {read} MiB",
     "readers": "8 readers at once, {reader} MiB each",
@@ -19,198 +26,139 @@ TITLES = {  # by metric: what is timed
     "rename": "{changes} renames",
     "remove": "{changes} removals",
 }
-LIMITS = ("pass-through", "curl")
-COLOURS = {"kelvane": "#1b6ca8", "before": "#b0c4d8", "kelvane -s": "#7fb2d9", "rclone": "#d1495b",
-           "rclone-writes": "#e8a0a9", "davfs2": "#edae49", "sshfs": "#66a182", "pass-through": "#8d96a3",
-           "curl": "#44475a"}
-MEBIBYTE = 1 << 20
 
 
-def middle(results, table, row, system="kelvane"):
-    samples = results.get(table, {}).get(row, {}).get(system)
-    return statistics.median(samples) if samples else None
+@dataclass
+class Turn:
+    """One turn of a system at a workload."""
+    workload: str
+    system: str
+    number: int
+    results: list[Result]
+    usage: Usage
 
 
-def seconds(results, metric, system="kelvane"):
-    return middle(results, "seconds", metric, system)
+@dataclass
+class Comparison:
+    date: str
+    machine: str
+    rounds: int
+    tls: bool
+    rtt: float  # milliseconds
+    amounts: Amounts
+    dropped: bool  # whether the kernel's caches could be dropped
+    turns: list[Turn] = dataclasses.field(default_factory=list)
+    without: list[str] = dataclasses.field(default_factory=list)  # systems
+    failed: list[str] = dataclasses.field(default_factory=list)  # "SYSTEM at WORKLOAD"
+
+    @property
+    def place(self) -> str:
+        return (f"{self.rtt:g} ms away" if self.rtt else "near") + (", HTTPS" if self.tls else "")
+
+    def results(self, metric: str, system: str) -> dict[int, Result]:
+        """By the number of the turn."""
+        return {turn.number: result for turn in self.turns if turn.system == system
+                for result in turn.results if result.metric == metric}
+
+    def seconds(self, metric: str, system: str) -> list[float]:
+        return [result.seconds for result in self.results(metric, system).values()]
+
+    def ratio(self, metric: str, system: str, base: str = "kelvane") -> float | None:
+        """The median of the ratios of each round, whose times were measured one after the other."""
+        above, below = self.results(metric, system), self.results(metric, base)
+        ratios = [above[number].seconds / below[number].seconds for number in above.keys() & below.keys()]
+        return statistics.median(ratios) if ratios else None
+
+    def mark(self, metric: str, system: str) -> str:
+        """A star where not everything was on the server when the last call returned."""
+        return "" if all(result.stored for result in self.results(metric, system).values()) else "*"
+
+    def metrics(self) -> list[str]:
+        found = {result.metric for turn in self.turns for result in turn.results}
+        return [metric for metric in TITLES if metric in found]
+
+    def systems(self, known: dict[str, str]) -> list[str]:
+        found = {turn.system for turn in self.turns}
+        return [system for system in known if system in found]
+
+    def title(self, metric: str) -> str:
+        amounts = self.amounts
+        read, written = amounts.read // MEBIBYTE, amounts.write // MEBIBYTE
+        return TITLES[metric].format(
+            all_files=amounts.directories * amounts.files, read=read, reader=read // PARALLEL, write=written,
+            writer=written // PARALLEL, random=amounts.random, changes=amounts.changes)
 
 
-def ratio(upper, lower):
-    return upper / lower if upper is not None and lower else None
-
-
-def paired(results, upper, lower):
-    """The median of the ratios of each round, whose times were measured one after the other; upper and lower are
-    (metric, system)."""
-    above, below = (results["seconds"].get(metric, {}).get(system, []) for metric, system in (upper, lower))
-    if len(above) != len(below):
-        return ratio(seconds(results, *upper), seconds(results, *lower))
-    return statistics.median(map(ratio, above, below)) if above else None
-
-
-def milliseconds(value):
+def milliseconds(value: float) -> str:
     return f"{value * 1000:.0f}" if value >= 0.01 else f"{value * 1000:.1f}"
 
 
-def table(header, rows):
+def table(header: list[str], rows: list[list[str]]) -> str:
     lines = ["| " + " | ".join(row) + " |" for row in [header, ["---"] * len(header), *rows]]
     return "\n".join(lines) + "\n"
 
 
-def systems_of(results):
-    return [system for system in COLOURS if any(system in row for row in results["seconds"].values())]
+def times_table(comparison: Comparison, systems: list[str]) -> str:
+    def cell(metric: str, system: str) -> str:
+        times, own = comparison.seconds(metric, system), comparison.ratio(metric, system)
+        if not times:
+            return ""
+        return (f"{milliseconds(statistics.median(times))} ({milliseconds(min(times))}–{milliseconds(max(times))})"
+                + comparison.mark(metric, system).replace("*", "\\*")
+                + (f" **{own:.2f}**" if own and system != "kelvane" else ""))
+    return table(["milliseconds", *systems], [
+        [comparison.title(metric), *(cell(metric, system) for system in systems)] for metric in comparison.metrics()])
 
 
-def title(results, metric):
-    amount = results["amount"]
-    read, write = (amount[what] // MEBIBYTE for what in ("read", "write"))
-    return TITLES[metric].format(all_files=amount["directories"] * amount["files"], read=read, reader=read // 8,
-                                 write=write, writer=write // 8, random=amount["random"], changes=amount["changes"])
+def usage_table(comparison: Comparison, systems: list[str]) -> str:
+    def cell(workload: str, system: str) -> str:
+        used = [turn.usage for turn in comparison.turns if (turn.workload, turn.system) == (workload, system)]
+        if not used:
+            return ""
+        cpu, resident, peak = (statistics.median(getattr(each, what) for each in used)
+                               for what in ("cpu", "resident", "peak"))
+        return f"{cpu:.2f} s, {resident / MEBIBYTE:.0f} / {peak / MEBIBYTE:.0f} MiB"
+    return table(["CPU time, memory: resident afterwards / peak", *systems], [
+        [workload, *(cell(workload, system) for system in systems)]
+        for workload in dict.fromkeys(turn.workload for turn in comparison.turns)])
 
 
-def mark(results, metric, system):
-    """A star where not everything was on the server when the last call returned."""
-    return "" if all(results.get("stored", {}).get(metric, {}).get(system, [])) else "\\*"
-
-
-def times_table(results):
-    systems = systems_of(results)
-    rows = []
-    for metric in filter(results["seconds"].__contains__, TITLES):
-        row = [title(results, metric)]
-        for system in systems:
-            samples = results["seconds"][metric].get(system)
-            own = paired(results, (metric, system), (metric, "kelvane"))
-            row.append("" if not samples else
-                       f"{milliseconds(statistics.median(samples))} ({milliseconds(min(samples))}–"
-                       f"{milliseconds(max(samples))}){mark(results, metric, system)}"
-                       + (f" **{own:.2f}**" if own and system != "kelvane" else ""))
-        rows.append(row)
-    return table(["milliseconds", *systems], rows)
-
-
-def usage_table(results):
-    systems = [system for system in systems_of(results) if system != "curl"]
-    mebibytes = lambda *of: f"{middle(results, *of) / MEBIBYTE:.0f}"
-    cell = lambda *of: (f"{middle(results, 'cpu', *of):.2f} s, "
-                        f"{mebibytes('resident', *of)} / {mebibytes('peak', *of)} MiB")
-    rows = [[workload, *(cell(workload, system) if system in by_system else "" for system in systems)]
-            for workload, by_system in results.get("cpu", {}).items()]
-    return table(["CPU time, memory: resident afterwards / peak", *systems], rows)
-
-
-def best(results, metric, only=lambda system: True):
-    """The name of the fastest alternative."""
-    times = {system: seconds(results, metric, system) for system in results["seconds"].get(metric, {})
-             if not system.startswith("kelvane") and system not in (*LIMITS, "before") and only(system)}
-    return min(times, key=times.get, default="")
-
-
-def goals(results):
-    """(what, measured, operator, limit, unit) of everything that was measured."""
-    rows = []
-
-    def goal(what, measured, operator, limit, unit=""):
-        if measured is not None:
-            rows.append((what, measured, operator, limit, unit))
-
-    def beside(metric, system):
-        return paired(results, (metric, "kelvane"), (metric, system))
-
-    def beside_best(metric, operator, only=lambda system: True, note=""):
-        name = best(results, metric, only)
-        goal(f"{metric} : best alternative{note} ({name})", beside(metric, name), operator, 1)
-
-    rtt = results["machine"]["rtt"]
-    if rtt:
-        if rtt >= 20:
-            goal("read, speed : the build before", ratio(1, beside("read", "before")), ">=", 6 if rtt < 100 else 8)
-            goal("write, speed : the build before", ratio(1, beside("write", "before")), ">=", 1.8)
-            goal("create : the build before", beside("create", "before"), "<=", 0.8)
-        for metric in ("read", "cold find", "create"):
-            goal(f"{metric} : sshfs", beside(metric, "sshfs"), "<", 1)
-        return rows
-    for metric, limit in (("cold find", 1.1), ("warm find", 1.0), ("stat", 1.05)):
-        goal(f"{metric} : pass-through", beside(metric, "pass-through"), "<=", limit)
-    beside_best("large", "<")
-    sizes = sorted(int(metric.split()[0]) for metric in results["seconds"] if metric.endswith(" entries"))
-    if len(sizes) > 1:
-        # The smallest times, because other work on the machine only adds to them.
-        grown = ratio(*(min(results["seconds"][f"{size} entries"]["kelvane"]) for size in (sizes[-1], sizes[0])))
-        goal(f"time per entry, {sizes[-1]:,} : {sizes[0]:,}", ratio(grown, sizes[-1] / sizes[0]), "<=", 1.15)
-    goal("sequential read, speed : curl", ratio(1, beside("read", "curl")), ">=", 0.8)
-    beside_best("read", "<")
-    beside_best("readers", "<=")
-    goal("sequential write, speed : curl", ratio(1, beside("write", "curl")), ">=", 0.8)
-    beside_best("write", "<", lambda system: not mark(results, "write", system), " with the data stored at close")
-    samples = lambda metric, system: results["seconds"].get(metric, {}).get(system, [])
-    for metric, requests in results.get("requests", {}).items():
-        for what, metric_of_curl, portion in (
-                (f"{requests / results['amount']['changes']:.2g} small requests", "small storage",
-                 requests / results["small requests"]),
-                ("the same requests by curl", metric, 1)):
-            beyond = [(own - base) / (portion * plain) for own, base, plain in zip(
-                samples(metric, "kelvane"), samples(metric, "pass-through"), samples(metric_of_curl, "curl"))]
-            goal(f"{metric} beyond pass-through : {what}", statistics.median(beyond) if beyond else None, "<=", 1.2)
-    goal("small request, kelvane_storage : nginx",
-         paired(results, ("small storage", "curl"), ("small nginx", "curl")), "<=", 1)
-    beside_best("random", "<")
-    goal("start to first listing", ratio(seconds(results, "start"), 0.001), "<=", 10, " ms")
-    goal("CPU time of reading 256 MiB", middle(results, "cpu", "read"), "<=", 0.25, " s")
-    goal("memory after it", ratio(middle(results, "resident", "read"), MEBIBYTE), "<", 16, " MiB")
-    goal("memory with 100,000 entries", ratio(middle(results, "resident", "growth-100000"), MEBIBYTE), "<", 60, " MiB")
-    return rows
-
-
-def goals_table(results):
-    reached = {"<": lambda a, b: a < b, "<=": lambda a, b: a <= b, ">=": lambda a, b: a >= b}
-    signs = {"<": "<", "<=": "≤", ">=": "≥"}
-    return table(["goal", "limit", "measured", "reached"],
-                 [[what, f"{signs[operator]} {limit:g}{unit}", f"{value:.2f}{unit}",
-                   "yes" if reached[operator](value, limit) else "**no**"]
-                  for what, value, operator, limit, unit in goals(results)])
-
-
-def notes(results):
-    machine = results["machine"]
-    lines = [f"{machine['date']}: {machine['cpu']}, {machine['cores']} cores, Linux {machine['kernel']}; "
-             f"{machine['rounds']} rounds; load average at the start {machine['load']:.1f}. "
-             f"{', '.join(machine['versions'])}.",
+def notes(comparison: Comparison) -> str:
+    lines = [f"{comparison.date}: {comparison.machine}; {comparison.rounds} rounds.",
              "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster. "
              "\\*: not everything was on the server when the last call returned."]
-    if not machine["dropped"]:
+    if not comparison.dropped:
         lines.append("The kernel's caches could not be dropped.")
-    for system in results.get("without", []):
-        lines.append(f"{system} could not be started and is left out.")
-    for workload, systems in results.get("failed", {}).items():
-        lines.append(f"{', '.join(sorted(set(systems)))} failed at {workload}.")
+    lines += [f"{system} could not be started and is left out." for system in comparison.without]
+    lines += [f"{what} failed." for what in dict.fromkeys(comparison.failed)]
     return "\n".join(f"- {line}" for line in lines) + "\n"
 
 
-def chart(results):
+def chart(comparison: Comparison, systems: list[str], colours: dict[str, str]) -> str:
     """Time relative to the daemon's, one group of bars for each metric, on a logarithmic scale."""
-    systems = [system for system in systems_of(results) if system != "kelvane"]
-    metrics = [metric for metric in TITLES if seconds(results, metric)]
     left, width, bar, gap, top = 370, 620, 11, 16, 70
     low, high = 0.125, 16
-    place = lambda value: left + width * math.log(min(max(value, low), high) / low) / math.log(high / low)
+
+    def place(value: float) -> float:
+        return left + width * math.log(min(max(value, low), high) / low) / math.log(high / low)
     shapes = []
     y = top
-    for metric in metrics:
-        shown = [system for system in systems if seconds(results, metric, system)]
+    for metric in comparison.metrics():
+        shown = {system: ratio for system in systems if (ratio := comparison.ratio(metric, system))}
+        if not shown:
+            continue
         shapes.append(f'<text x="{left - 40}" y="{y + bar * len(shown) / 2 + 4:.0f}" text-anchor="end">'
-                      f"{title(results, metric).replace('`', '')}</text>")
-        for system in shown:
-            value = paired(results, (metric, system), (metric, "kelvane"))
+                      f"{comparison.title(metric).replace('`', '')}</text>")
+        for system, value in shown.items():
             start, end = sorted((place(1), place(value)))
             shapes.append(f'<rect x="{start:.1f}" y="{y}" width="{max(end - start, 1):.1f}" height="{bar - 1}" '
-                          f'fill="{COLOURS[system]}"/>')
+                          f'fill="{colours[system]}"/>')
             side, anchor = (end + 4, "start") if value >= 1 else (start - 4, "end")
             if not low <= value <= high:
                 torn = end - 12 if value > 1 else start + 6
                 shapes.append(f'<path d="M{torn:.1f} {y + bar}l6 {-bar - 1}" stroke="white" stroke-width="4"/>')
             shapes.append(f'<text x="{side:.1f}" y="{y + bar - 2}" font-size="9" text-anchor="{anchor}">{value:.2f}'
-                          f"{mark(results, metric, system)[1:]}</text>")
+                          f"{comparison.mark(metric, system)}</text>")
             y += bar
         y += gap
     for tick in (0.125, 0.25, 0.5, 1, 2, 4, 8, 16):
@@ -218,31 +166,32 @@ def chart(results):
                          f'stroke="{"#222" if tick == 1 else "#ddd"}"/>')
         shapes.append(f'<text x="{place(tick):.1f}" y="{top - 12}" text-anchor="middle">{tick:g}×</text>')
     for index, system in enumerate(systems):
-        shapes.append(f'<rect x="{left - 60 + index * 108}" y="24" width="11" height="11" fill="{COLOURS[system]}"/>'
+        shapes.append(f'<rect x="{left - 60 + index * 108}" y="24" width="11" height="11" fill="{colours[system]}"/>'
                       f'<text x="{left - 45 + index * 108}" y="34">{system}</text>')
     return (f'<svg xmlns="http://www.w3.org/2000/svg" viewBox="0 0 {left + width + 60} {y + 6}" '
             'font-family="sans-serif" font-size="12">\n<rect width="100%" height="100%" fill="white"/>\n'
-            f'<text x="10" y="18" font-size="14">Time relative to kelvane_vfs, {place_of(results)}: right of 1× '
+            f'<text x="10" y="18" font-size="14">Time relative to kelvane_vfs, {comparison.place}: right of 1× '
             'kelvane_vfs is faster; a bar with a gap is cut; *: not all of it had arrived</text>\n'
             + "\n".join(shapes) + "\n</svg>\n")
 
 
-def place_of(results):
-    return f"{results['machine']['rtt']:g} ms away" if results["machine"]["rtt"] else "near"
-
-
-def write(results, output, docs):
-    texts = {"results": notes(results) + "\n" + times_table(results),
-             "goals": goals_table(results) + "\n" + usage_table(results)}
-    place = place_of(results)
-    chart_name = "performance.svg" if place == "near" else f"performance-{place.split()[0]}ms.svg"
-    for directory in filter(None, (output, docs)):
-        directory.mkdir(parents=True, exist_ok=True)
-        (directory / chart_name).write_text(chart(results))
-    (output / "results.json").write_text(json.dumps(results, indent=1) + "\n")
+def write(comparison: Comparison, colours: dict[str, str], output: Path, docs: Path | None) -> None:
+    """Prints the tables and writes them to the directories. The page takes the parts that it has a place for."""
+    systems = comparison.systems(colours)
+    texts = {"results": notes(comparison) + "\n" + times_table(comparison, systems),
+             "usage": usage_table(comparison, systems)}
+    name = "performance-" + re.sub(r"[ ,]+", "-", comparison.place.lower()) + ".svg"
+    drawing = chart(comparison, [system for system in systems if system != "kelvane"], colours)
+    output.mkdir(parents=True, exist_ok=True)
+    (output / name).write_text(drawing)
+    (output / "results.json").write_text(json.dumps(dataclasses.asdict(comparison), indent=1) + "\n")
     (output / "results.md").write_text("\n".join(texts.values()))
     print(*texts.values(), f"results: {output}", sep="\n")
-    page = (docs or output) / "performance.md"
-    for what, text in texts.items() if docs else ():
-        page.write_text(re.sub(rf"(<!-- {what}: {place} -->\n).*?(<!-- end -->)",
-                               lambda found: found[1] + text + found[2], page.read_text(), flags=re.S))
+    if docs:
+        page = (docs / "performance.md").read_text()
+        for what, text in texts.items():
+            page = re.sub(rf"(<!-- {what}: {comparison.place} -->\n).*?(<!-- end -->)",
+                          lambda found: found[1] + text + found[2], page, flags=re.S)
+        (docs / "performance.md").write_text(page)
+        if f"({name})" in page:
+            (docs / name).write_text(drawing)

@@ -1,138 +1,79 @@
 """What is compared: the servers, how each system is mounted from them, and what its processes use."""
 import contextlib
-import itertools
+import dataclasses
 import os
-import pathlib
 import re
-import select
 import shutil
 import signal
 import socket
 import subprocess
-import sys
+import tempfile
 import time
+from dataclasses import dataclass
+from pathlib import Path
+from typing import Callable, Collection, Iterator, Sequence
 
-build = None  # directory of the programs that are built here
-work = None  # everything that a run makes lies below this directory
-data = None  # what all servers serve
-before = None  # directory of earlier programs
-urls = {}  # server -> where it serves
-mount_numbers = itertools.count()
+from programs import Failure, Program, bind, inside, make_certificate, say, serve, until
 
-
-def tool(name):
-    return str(build / name)
+HERE, THERE = "127.0.0.1", "192.0.2.2"  # the addresses of servers, near and far
 
 
-def earlier(name):
-    return before / name if (before / name).exists() else tool(name)
+@dataclass
+class Site:
+    """Where a run takes place."""
+    programs: Path  # the directory of the programs that are measured
+    earlier: Path | None  # that of earlier ones, which may hold some of them
+    work: Path  # everything that the run makes lies below this directory
+    tls: bool
+    rtt: float  # the milliseconds to the servers and back; 0: they listen on the loopback device
+    far: int = 0  # process in the distant network
+    urls: dict[str, str] = dataclasses.field(default_factory=dict)  # where each server serves
 
+    @property
+    def served(self) -> Path:
+        return self.work / "served"
 
-# Signals: a step that would leave something behind is finished first, and the clean-up is not interrupted.
+    @property
+    def address(self) -> str:
+        return THERE if self.far else HERE
 
-ENDING = (signal.SIGINT, signal.SIGTERM, signal.SIGHUP)
-shields = 0
-ended_by = 0
+    def program(self, name: str, before: bool = False) -> Path:
+        return self.earlier / name if before and (self.earlier / name).exists() else self.programs / name
 
+    def launch(self, name: str, *command: object) -> Program:
+        """Starts a program of the distant network, if there is one."""
+        return Program(self.command(*command), self.work / name)
 
-def end(number, _):
-    global ended_by
-    for each in ENDING:
-        signal.signal(each, signal.SIG_IGN)
-    ended_by = number
-    if shields == 0:
-        sys.exit(128 + number)
-
-
-@contextlib.contextmanager
-def shielded():
-    """Delays the end by a signal until the work is done."""
-    global shields, ended_by
-    shields += 1
-    try:
-        yield
-    finally:
-        shields -= 1
-        # Only once, because the clean-up that follows uses this function as well.
-        if shields == 0 and ended_by != 0:
-            number, ended_by = ended_by, 0
-            sys.exit(128 + number)
-
-
-# Processes: in sessions of their own, so that a Ctrl-C reaches the comparison alone.
-
-
-def launch(command, log, **options):
-    return subprocess.Popen([str(word) for word in command], stdin=subprocess.DEVNULL, stderr=log,
-                            start_new_session=True, env={**os.environ, "HOME": str(work), "LC_ALL": "C.UTF-8"},
-                            **options)
-
-
-def fields_of(pid):
-    """The fields of /proc/PID/stat, from the state of the process on."""
-    return pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
-
-
-def processes_below(pid):
-    parents = {}
-    for entry in filter(str.isdigit, os.listdir("/proc")):
-        with contextlib.suppress(OSError):
-            parents[int(entry)] = int(fields_of(entry)[1])
-    below = [pid]
-    for parent in below:
-        below += [child for child, its_parent in parents.items() if its_parent == parent]
-    return below[1:]
-
-
-def stop(process):
-    for number in (signal.SIGTERM, signal.SIGKILL):
-        for pid in [*processes_below(process.pid), process.pid]:
-            with contextlib.suppress(OSError):
-                os.kill(pid, number)
-        with contextlib.suppress(subprocess.TimeoutExpired):
-            process.wait(5)
-            return
-
-
-def usage(process):
-    """CPU seconds so far, peak and present memory in bytes of what was mounted, its helpers included."""
-    cpu = peak = resident = 0
-    for pid in processes_below(process.pid):
-        with contextlib.suppress(OSError, TypeError):  # it may have ended
-            fields = fields_of(pid)
-            status = pathlib.Path(f"/proc/{pid}/status").read_text()
-            cpu += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-            peak += int(re.search(r"VmHWM:\s+(\d+)", status)[1]) << 10
-            resident += int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10
-    return cpu, peak, resident
-
-
-def files_in_use(process):
-    """The programs and libraries of what was mounted."""
-    names = set()
-    for pid in processes_below(process.pid):
-        with contextlib.suppress(OSError):
-            names.update(re.findall(r" (/.+)$", pathlib.Path(f"/proc/{pid}/maps").read_text(), re.M))
-    return set(filter(os.path.isfile, names))
+    def command(self, *command: object) -> Sequence[object]:
+        return inside(self.far, *command) if self.far else command
 
 
 # Servers: one of each for the whole run, all on the same directory.
 
 
-def start_storage(directory, _, log, program=None):
-    server = launch([program or tool("kelvane_storage"), data], log, stdout=subprocess.PIPE, text=True)
-    urls[directory.name] = server.stdout.readline().strip()
-    return server
+def start_storage(site: Site, name: str, before: bool = False) -> str:
+    options = (["--tls-cert", site.work / "cert", "--tls-key", site.work / "key"] if site.tls
+               else ["--behind-proxy"] if site.far else [])
+    return serve(site.command(site.program("kelvane_storage", before), "--listen", site.address, *options, site.served),
+                 site.work / name).url
 
 
-def start_before(directory, port, log):
-    return start_storage(directory, port, log, earlier("kelvane_storage"))
+def start_before(site: Site, name: str) -> str:
+    return start_storage(site, name, before=True)
 
 
-def start_nginx(directory, port, log):
+def start_nginx(site: Site, name: str) -> str:
+    directory = site.work / "nginx"
+    directory.mkdir()
+    port = free_port()
     kinds = ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
-    (directory / "nginx.conf").write_text(f"""
-{"user root;" if os.getuid() == 0 else ""}
+    tls = f"""
+        ssl_certificate {site.work}/cert;
+        ssl_certificate_key {site.work}/key;
+        ssl_session_cache shared:sessions:1m;
+"""
+    (directory / "conf").write_text(f"""
+user root;
 worker_processes auto;
 daemon off;
 pid {directory}/pid;
@@ -146,24 +87,30 @@ http {{
     client_max_body_size 0;
     {" ".join(f"{kind}_temp_path {directory}/{kind};" for kind in kinds)}
     server {{
-        listen 127.0.0.1:{port};
-        root {data};
+        listen {site.address}:{port}{" ssl" if site.tls else ""};
+        {tls if site.tls else ""}
+        root {site.served};
         dav_methods PUT DELETE MKCOL COPY MOVE;
         dav_ext_methods PROPFIND OPTIONS;
     }}
 }}
 """)
-    urls["nginx"] = f"http://127.0.0.1:{port}/"
-    return launch(["nginx", "-c", directory / "nginx.conf", "-e", directory / "error.log"], log)
+    server = site.launch(name, "nginx", "-c", directory / "conf", "-e", directory / "errors")
+    wait_for_port(site, port, server)
+    return f"{'https' if site.tls else 'http'}://{site.address}:{port}/"
 
 
-def start_sshd(directory, port, log):
-    directory.chmod(0o700)
-    for name in ("host", "user"):
-        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / name], check=True)
+def start_sshd(site: Site, name: str) -> str:
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/run"], check=True)
+    os.mkdir("/run/sshd")
+    directory = site.work / "ssh"
+    directory.mkdir(0o700)
+    for key in ("host", "user"):
+        subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / key], check=True)
+    port = free_port()
     (directory / "sshd_config").write_text(f"""
 Port {port}
-ListenAddress 127.0.0.1
+ListenAddress {site.address}
 HostKey {directory}/host
 PidFile none
 UsePAM no
@@ -172,154 +119,243 @@ PermitRootLogin yes
 AuthorizedKeysFile {directory}/user.pub
 Subsystem sftp internal-sftp
 """)
-    urls["sshd"] = f"127.0.0.1:{port}"
     (directory / "ssh_config").write_text(f"""
 IdentityFile {directory}/user
 StrictHostKeyChecking no
 UserKnownHostsFile /dev/null
 BatchMode yes
 """)
-    return launch([shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", directory / "sshd_config"], log)
+    server = site.launch(name, shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", directory / "sshd_config")
+    wait_for_port(site, port, server)
+    return f"{site.address}:{port}"
 
 
-def free_port():
+def free_port() -> int:
     with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
+        probe.bind(("", 0))
         return probe.getsockname()[1]
 
 
-def wait_for_port(port):
-    for _ in range(100):
-        with contextlib.suppress(OSError), socket.create_connection(("127.0.0.1", port), 1):
-            return
-        time.sleep(0.05)
-    raise RuntimeError(f"nothing listens on port {port}")
+def wait_for_port(site: Site, port: int, server: Program) -> None:
+    def answers() -> bool:
+        with contextlib.suppress(OSError), socket.create_connection((site.address, port), 1):
+            return True
+        return False
+    until(answers, server)
 
 
-def hold_back(stack, milliseconds):
-    """Puts a relay before every server, which makes the server distant."""
-    ports = {name: re.search(r"127\.0\.0\.1:(\d+)", url)[1] for name, url in urls.items()}
-    relay = launch([tool("relay"), milliseconds, *ports.values()], None, stdout=subprocess.PIPE, text=True)
-    stack.callback(stop, relay)
-    for name, port in ports.items():
-        urls[name] = urls[name].replace(f":{port}", f":{relay.stdout.readline().split()[1]}", 1)
+def go_far(site: Site) -> None:
+    """Makes the distant network, in which the servers will be."""
+    line = serve([site.programs / "distance", site.rtt], site.work / "distance")
+    site.far = int(line.url)
 
 
-def start_servers(stack, say, rtt):
-    if os.getuid() == 0 and not os.path.isdir("/run/sshd"):
-        os.mkdir("/run/sshd", 0o755)
-        stack.callback(os.rmdir, "/run/sshd")
-    starts = {"storage": start_storage, "nginx": start_nginx, "sshd": start_sshd}
-    if before:
-        starts["before"] = start_before
-    for name, start in starts.items():
-        directory = work / name
-        directory.mkdir()
-        port = free_port()
-        log = stack.enter_context(open(directory / "log", "w"))
-        try:
-            with shielded():
-                stack.callback(stop, start(directory, port, log))
-            if name not in ("storage", "before"):
-                wait_for_port(port)
-        except (OSError, RuntimeError, subprocess.CalledProcessError) as error:
-            say(f"without {name}: {error}")
-            urls.pop(name, None)
-    if rtt:
-        with shielded():
-            hold_back(stack, rtt)
+def trust_certificate(site: Site) -> None:
+    """Makes the servers' certificate and adds it to the system's authorities, as their users would do; the others stay,
+    because a program may read them all. Only this run sees the addition."""
+    authorities, added = site.work / "authorities", site.work / "added"
+    authorities.mkdir()
+    added.mkdir()
+    make_certificate(site.work, f"IP:{site.address}")
+    shutil.copy(site.work / "cert", added / "bench.crt")
+    subprocess.run(["update-ca-certificates", "--etccertsdir", authorities, "--localcertsdir", added,
+                    "--hooksdir", added], stdout=subprocess.DEVNULL, check=True)
+    bind(authorities, "/etc/ssl/certs")
+
+
+SERVERS = {"storage": start_storage, "before": start_before, "nginx": start_nginx, "sshd": start_sshd}
+
+
+def start_servers(site: Site, names: Collection[str | None]) -> None:
+    """Starts the named servers, and at a distance the line to them."""
+    if site.rtt:
+        go_far(site)
+    if site.tls:
+        trust_certificate(site)
+    for name, start in SERVERS.items():
+        if name in names:
+            try:
+                site.urls[name] = start(site, name)
+            except (OSError, Failure, subprocess.CalledProcessError) as error:
+                say(f"without {name}: {error}")
 
 
 # Systems: the command lines of mounts. `uncached` asks the kernel not to trust attributes and names.
 
 
-def timeouts(uncached):
+def timeouts(uncached: bool) -> list[str]:
     return ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
 
 
-def kelvane_of(program, server, point, uncached, *options):
-    return [program, urls[server], "Bench (compare)", "-f", *options, *timeouts(uncached), point]
+def kelvane(site: Site, point: Path, uncached: bool, *options: str, server: str = "storage") -> list[object]:
+    return [site.program("kelvane_vfs", server == "before"), site.urls[server], "Bench (compare)", "-f", *options,
+            *timeouts(uncached), point]
 
 
-def kelvane(point, uncached, *options):
-    return kelvane_of(tool("kelvane_vfs"), "storage", point, uncached, *options)
+def kelvane_single(site: Site, point: Path, uncached: bool) -> list[object]:
+    return kelvane(site, point, uncached, "-s")
 
 
-def pass_through(point, uncached):
-    return [tool("pass_through"), data, "-f", *timeouts(uncached), point]
+def kelvane_before(site: Site, point: Path, uncached: bool) -> list[object]:
+    return kelvane(site, point, uncached, server="before")
 
 
-def rclone(point, uncached, mode="off"):
-    return ["rclone", "mount", ":webdav:", point, "--webdav-url", urls["nginx"], "--webdav-vendor", "other", "--config",
-            work / "rclone.conf", "--cache-dir", work / f"cache{point.name}", "--vfs-cache-mode", mode,
-            *(["--attr-timeout", "0s"] if uncached else [])]
+def pass_through(site: Site, point: Path, uncached: bool) -> list[object]:
+    return [site.program("pass_through"), site.served, "-f", *timeouts(uncached), point]
 
 
-def davfs2(point, _):
-    cache = work / f"cache{point.name}"
+def rclone(site: Site, point: Path, uncached: bool, mode: str = "off") -> list[object]:
+    return ["rclone", "mount", ":webdav:", point, "--webdav-url", site.urls["nginx"], "--webdav-vendor", "other",
+            "--config", site.work / "rclone.conf", "--cache-dir", site.work / f"cache{point.name}", "--vfs-cache-mode",
+            mode, *(["--attr-timeout", "0s"] if uncached else [])]
+
+
+def rclone_writes(site: Site, point: Path, uncached: bool) -> list[object]:
+    return rclone(site, point, uncached, "writes")
+
+
+def davfs2(site: Site, point: Path, _: bool) -> list[object]:
+    cache = site.work / f"cache{point.name}"
     cache.mkdir()
     cache.chmod(0o777)  # davfs2 gives up root's rights
-    settings = work / "davfs2.conf"
+    settings = site.work / "davfs2.conf"
     # With its own buffer of 16 KiB it fails to list directories for newer kernels, which ask for more at once.
     settings.write_text(f"cache_dir {cache}\ncache_size 2048\nuse_locks 0\ndelay_upload 0\nask_auth 0\nbuf_size 256\n")
     settings.chmod(0o600)
-    return ["mount.davfs", "-o", f"conf={settings}", urls["nginx"], point]
+    return ["mount.davfs", "-o", f"conf={settings}", site.urls["nginx"], point]
 
 
-def sshfs(point, uncached):
-    host, port = urls["sshd"].split(":")
-    return ["sshfs", "-f", "-F", work / "sshd" / "ssh_config", "-p", port, f"{host}:{data}", point, *timeouts(uncached)]
+def sshfs(site: Site, point: Path, uncached: bool) -> list[object]:
+    host, port = site.urls["sshd"].split(":")
+    return ["sshfs", "-f", "-F", site.work / "ssh" / "ssh_config", "-p", port, f"{host}:{site.served}", point,
+            *timeouts(uncached)]
 
 
-SYSTEMS = {  # name: (command line of a mount, server)
-    "kelvane": (kelvane, "storage"),
-    "before": (lambda *where: kelvane_of(earlier("kelvane_vfs"), "before", *where), "before"),
-    "kelvane -s": (lambda *where: kelvane(*where, "-s"), "storage"),
-    "rclone": (rclone, "nginx"),
-    "rclone-writes": (lambda *where: rclone(*where, "writes"), "nginx"),
-    "davfs2": (davfs2, "nginx"),
-    "sshfs": (sshfs, "sshd"),
-    "pass-through": (pass_through, None),
-    "curl": (None, "storage"),
+@dataclass(frozen=True)
+class System:
+    colour: str  # in charts
+    server: str | None
+    command: Callable[[Site, Path, bool], list[object]]  # of its mount
+    far: bool = True  # whether it is measured at a distance as well
+
+
+SYSTEMS = {
+    "kelvane": System("#1b6ca8", "storage", kelvane),
+    "before": System("#b0c4d8", "before", kelvane_before),
+    "kelvane -s": System("#7fb2d9", "storage", kelvane_single, far=False),
+    "rclone": System("#d1495b", "nginx", rclone),
+    "rclone-writes": System("#e8a0a9", "nginx", rclone_writes),
+    "davfs2": System("#edae49", "nginx", davfs2),
+    "sshfs": System("#66a182", "sshd", sshfs),
+    "pass-through": System("#8d96a3", None, pass_through, far=False),
 }
 
 
-@shielded()
-def unmount(point, process):
-    unmounting, lazily = (["umount"], "-l") if os.getuid() == 0 else (["fusermount", "-u"], "-z")
-    for _ in range(20):
-        done = subprocess.run([*unmounting, point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                              start_new_session=True)
-        if done.returncode == 0 or not os.path.ismount(point):
-            break
-        time.sleep(0.1)
-    else:
-        subprocess.run([*unmounting, lazily, point])
-    with contextlib.suppress(subprocess.TimeoutExpired):
-        process.wait(60)  # data may still be on its way
-    stop(process)
-    point.rmdir()
+# Mounts. The run has a name space of processes, so that also those are found that go to the background.
+
+
+def stat_of(pid: str | int) -> list[str]:
+    """The fields of /proc/PID/stat, from the state of the process on."""
+    return Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+
+
+def parents() -> dict[int, int]:
+    """The parent of each process."""
+    found = {}
+    for pid in filter(str.isdigit, os.listdir("/proc")):
+        with contextlib.suppress(OSError):
+            state, parent = stat_of(pid)[:2]
+            if state != "Z":
+                found[int(pid)] = int(parent)
+    return found
+
+
+@dataclass
+class Usage:
+    cpu: float = 0  # seconds
+    peak: int = 0  # bytes
+    resident: int = 0
+
+
+@dataclass
+class Mount:
+    point: Path
+    others: set[int]  # the processes that were there before
+    first_listing: float = 0  # seconds from the start
+
+    def processes(self) -> list[int]:
+        """Its processes: the new ones, without those that the servers have started."""
+        parent, mine = parents(), []
+        for pid in parent.keys() - self.others:
+            oldest = pid
+            while oldest not in self.others and oldest in parent:
+                oldest = parent[oldest]
+            mine += [pid] if oldest == os.getpid() else []
+        return mine
+
+    def usage(self) -> Usage:
+        """What it has used so far, its helpers included."""
+        used = Usage()
+        for pid in self.processes():
+            with contextlib.suppress(OSError, TypeError):  # it may have ended
+                fields, status = stat_of(pid), Path(f"/proc/{pid}/status").read_text()
+                used.cpu += (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+                used.peak += int(re.search(r"VmHWM:\s+(\d+)", status)[1]) << 10
+                used.resident += int(re.search(r"VmRSS:\s+(\d+)", status)[1]) << 10
+        return used
+
+    def files(self) -> set[str]:
+        """Its programs and libraries."""
+        names = set()
+        for pid in self.processes():
+            with contextlib.suppress(OSError):
+                names.update(re.findall(r" (/.+)$", Path(f"/proc/{pid}/maps").read_text(), re.M))
+        return set(filter(os.path.isfile, names))
+
+
+def device(point: Path) -> int | None:
+    with contextlib.suppress(OSError):
+        return os.stat(point).st_dev
 
 
 @contextlib.contextmanager
-def mounted(system, uncached=False, log=None):
-    """A fresh mount; gives its directory, the process that holds it and the seconds to its first listing."""
-    point = work / "mounts" / str(next(mount_numbers))
-    point.mkdir(parents=True)
-    is_ours = system in ("kelvane", "kelvane -s", "before")
-    with open(log or os.devnull if is_ours else work / f"{system}.log", "w") as errors:
-        command = SYSTEMS[system][0](point, uncached)
-        process = None
-        try:
-            with shielded():
-                process = launch([sys.executable, pathlib.Path(__file__).with_name("hold.py"), point, *command], errors,
-                                 stdout=subprocess.PIPE, text=True)
-            ready, _, _ = select.select([process.stdout], [], [], 30)
-            line = process.stdout.readline() if ready else ""
-            if not line:
-                stop(process)
-                raise RuntimeError(f"{system} does not mount")
-            yield point, process, float(line)
-        finally:
-            if process is not None:
-                unmount(point, process)
+def mounted(site: Site, system: str, uncached: bool = False) -> Iterator[Mount]:
+    """A fresh mount. At the end it is unmounted, and what it had to send has arrived."""
+    point = Path(tempfile.mkdtemp(prefix="mount", dir=site.work))
+    point.chmod(0o755)
+    if SYSTEMS[system].server not in (None, *site.urls):
+        raise Failure(f"{SYSTEMS[system].server} is not there")
+    command = [str(word) for word in SYSTEMS[system].command(site, point, uncached)]
+    mount, empty = Mount(point, set(parents())), device(point)
+    # The daemon's trace goes where that of a daemon in the background goes.
+    log = os.devnull if command[0].startswith((str(site.programs), str(site.earlier))) else site.work / f"{system}.log"
+    try:
+        with open(log, "w") as output:
+            begin = time.perf_counter()
+            program = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=output, stderr=output)
+        while device(point) in (None, empty):
+            if program.poll() or time.perf_counter() - begin > 30:
+                raise Failure(f"{system} does not mount")
+            time.sleep(0.0001)
+        os.listdir(point)
+        mount.first_listing = time.perf_counter() - begin
+        yield mount
+    finally:
+        unmount(mount)
+
+
+def unmount(mount: Mount) -> None:
+    """Unmounts, waits until the processes have ended, and kills them after a minute."""
+    mine = mount.processes()
+    command = 'for i in {1..20}; do umount "$0" 2>/dev/null && exit; sleep 0.1; done; umount -l "$0"'
+    program = subprocess.Popen(["bash", "-c", command, mount.point], stdout=subprocess.DEVNULL)
+
+    def has_ended() -> bool:
+        for pid in mine:  # those from the background are children of this process
+            with contextlib.suppress(ChildProcessError):
+                os.waitpid(pid, os.WNOHANG)
+        return program.poll() is not None and not mount.processes()
+    with contextlib.suppress(Failure):
+        until(has_ended, seconds=60)
+    for pid in mount.processes():
+        os.kill(pid, signal.SIGKILL)
