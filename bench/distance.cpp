@@ -1,7 +1,8 @@
 // A line to a distant place on one machine: makes a network name space and joins it to the caller's by two tun devices,
 // between which every packet takes half a round trip. Bandwidth is not limited, and no packet is lost.
 //   distance MILLISECONDS   prints the process ID, whose network name space is the distant place, and runs until it is
-//   ended. The caller's address is 192.0.2.1 and the distant one 192.0.2.2, so the caller needs a name space of its own.
+//   ended. The caller's address is 192.0.2.1 and the distant one 192.0.2.2, so the caller needs a name space of its
+//   own.
 #include <algorithm>
 #include <arpa/inet.h>
 #include <chrono>
