@@ -14,6 +14,7 @@ LARGEST_BODY = 1 << 20
 STATUS = {errno.ENOENT: 404, errno.ENOTDIR: 404, errno.ELOOP: 404, errno.ENAMETOOLONG: 404, errno.EEXIST: 409,
           errno.ENOTEMPTY: 409, errno.EINVAL: 400, errno.ENOSPC: 507, errno.EDQUOT: 507, errno.EACCES: 403,
           errno.EPERM: 403, errno.EROFS: 403, errno.EISDIR: 403, errno.EBUSY: 409}  # others: 500
+WEB_PAGE = ("Origin", "Referer", "Cookie")  # only browsers send these, and a page can make them send changes
 IN_THE_WAY = (errno.EEXIST, errno.ENOTEMPTY, errno.EISDIR, errno.ENOTDIR)
 
 def beneath(path):  # the path, if it stays in the directory when all its links are followed
@@ -108,9 +109,16 @@ class Service(BaseHTTPRequestHandler):
         address, _, text = self.path.partition("?")
         query = dict(member.partition("=")[::2] for member in text.split("&"))
         action, length = query.get("action", ""), self.headers.get("Content-Length", "0")
-        if not length.isdecimal() or int(length) > LARGEST_BODY or "Transfer-Encoding" in self.headers:
-            return self.send_error(413 if length.isdecimal() else 400)
+        if self.headers.defects or "Transfer-Encoding" in self.headers or not length.isdecimal() or \
+                len(self.headers.get_all("Content-Length", [])) > 1:  # the end of the body is in doubt
+            return self.send_error(400)
+        if int(length) > LARGEST_BODY:
+            return self.send_error(413)
         body = self.rfile.read(int(length))  # read before anything is refused: the client must not see a reset
+        if len(body) < int(length):
+            return self.send_error(400)
+        if any(name in self.headers for name in WEB_PAGE) or self.headers.get("Sec-Fetch-Site", "none") != "none":
+            return self.reply(403)
         try:
             if not secrets.compare_digest(address[:len(prefix)].encode(), prefix.encode()):
                 return self.reply(404)
