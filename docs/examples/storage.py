@@ -6,7 +6,13 @@
 serves DIRECTORY on loopback and prints its base URL, which holds a secret. It is an example to start from. It checks
 a path first and opens it afterwards: a program on this machine that puts a link in between can lead it elsewhere.
 """
-import errno, json, os, re, secrets, stat, sys
+import errno
+import json
+import os
+import re
+import secrets
+import stat
+import sys
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 from urllib.parse import unquote_to_bytes
 
@@ -17,10 +23,12 @@ STATUS = {errno.ENOENT: 404, errno.ENOTDIR: 404, errno.ELOOP: 404, errno.ENAMETO
 WEB_PAGE = ("Origin", "Referer", "Cookie")  # only browsers send these, and a page can make them send changes
 IN_THE_WAY = (errno.EEXIST, errno.ENOTEMPTY, errno.EISDIR, errno.ENOTDIR)
 
+
 def beneath(path):  # the path, if it stays in the directory when all its links are followed
     if os.path.commonpath([root, os.path.realpath(path)]) != root:
         raise FileNotFoundError(errno.ENOENT, "outside")
     return path
+
 
 def decoded(encoded):
     names = [name for name in unquote_to_bytes(encoded).split(b"/") if name]
@@ -29,14 +37,17 @@ def decoded(encoded):
         raise ValueError(encoded)
     return beneath(path)
 
+
 def opened(path, flags):  # checks the kind first: opening a pipe or a device would have an effect on it
     if not stat.S_ISREG(os.stat(path).st_mode):
         raise PermissionError(errno.EPERM, "not a file")
     return open(os.open(path, flags), "wb" if flags == os.O_WRONLY else "rb", buffering=0)
 
+
 def attributes(st):
     return {"s": st.st_size, "b": st.st_blocks, "m": st.st_mode, "nl": st.st_nlink,
             "at": int(st.st_atime), "mt": int(st.st_mtime), "ct": int(st.st_ctime)}
+
 
 def listing(path):
     for name in os.listdir(path):
@@ -47,11 +58,13 @@ def listing(path):
         if stat.S_ISREG(st.st_mode) or stat.S_ISDIR(st.st_mode):
             yield {"t": 4 if stat.S_ISDIR(st.st_mode) else 8, **attributes(st), "n": text}
 
+
 def statistics(volume, shift=0):
     while volume.f_blocks >> shift >= 1 << 31:
         shift += 1
     return {"bsize": volume.f_bsize, "frsize": volume.f_frsize << shift, "blocks": volume.f_blocks >> shift,
             "bfree": volume.f_bfree >> shift, "bavail": volume.f_bavail >> shift, "namemax": volume.f_namemax}
+
 
 def written(path, body, offset):
     with opened(path, os.O_WRONLY) as file:
@@ -59,6 +72,7 @@ def written(path, body, offset):
             count = os.pwrite(file.fileno(), body, offset)
             body, offset = body[count:], offset + count
         return attributes(os.fstat(file.fileno()))
+
 
 def content(path, header):  # the body is read into memory, because the client asks for 128 KiB at a time
     wanted = re.fullmatch(r"bytes=(\d{1,18})-(\d{1,18})", header)
@@ -68,6 +82,7 @@ def content(path, header):  # the body is read into memory, because the client a
         body = os.pread(file.fileno(), max(0, min(last + 1, size) - first), first)
     span = f"{first}-{first + len(body) - 1}" if body else "*"
     return (206 if body else 416, body, {"Content-Range": f"bytes {span}/{size}"}) if wanted else (200, body)
+
 
 def perform(action, path, query, body, header):  # status, body and further headers of the reply
     match action:
@@ -88,6 +103,7 @@ def perform(action, path, query, body, header):  # status, body and further head
             return os.rename(path, decoded(query["to"])) or (200, {"hc": 200})
         case _: return 400, b""
     return 204, b""
+
 
 class Service(BaseHTTPRequestHandler):
     protocol_version, disable_nagle_algorithm, timeout = "HTTP/1.1", True, 150
@@ -137,6 +153,7 @@ class Service(BaseHTTPRequestHandler):
         self.reply(*result)
 
     do_PUT = do_GET
+
 
 root = os.path.realpath(os.fsencode(sys.argv[1]))
 prefix = "/" + secrets.token_urlsafe(16) + "/"
