@@ -5,7 +5,7 @@ import signal
 from concurrent.futures import ThreadPoolExecutor
 from programs import STORAGE, TOP, Program, ServerTest, serve, text, until
 
-CONFORM = [TOP + "/tools/kelvane_conform", "--idle=0.1"]
+CONFORM = TOP + "/tools/kelvane_conform"
 REPLY = "        self.send_response_only(status)\n"
 READ = "body = self.rfile.read(int(length))"
 PROPS = 'case "props": return 200, attributes(os.stat(path))'
@@ -70,7 +70,7 @@ class ConformTest(ServerTest):
         with open(scratch + "/storage.py", "w", encoding="latin-1") as file:
             file.write(source.replace(old, new, 1))
         service = serve(["python3", scratch + "/storage.py", scratch + "/tree"], scratch + "/service")
-        told = Program([*CONFORM, "--timeout=1", service.url], scratch + "/told")
+        told = Program([CONFORM, "--timeout=1", service.url], scratch + "/told")
         told.wait()
         service.end(status=-signal.SIGTERM)
         output = text(scratch + "/told.out") + text(scratch + "/told.err")
@@ -89,7 +89,7 @@ class ConformTest(ServerTest):
 
     def conform(self, *words, status=0, number=None, **options):
         """What the program prints; NUMBER is a signal that it gets when its directory is there."""
-        program = Program([*CONFORM, *words], self.scratch + "/conform", **options)
+        program = Program([CONFORM, *words], self.scratch + "/conform", **options)
         if number:
             until(lambda: len(os.listdir(self.tree)) > 1, program)
             program.send_signal(number)
