@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+extern char** environ; // which not every platform's headers declare
+
 char baseURL[128] = "";
 char* finderName = nullptr;
 const char* mountPoint = nullptr;

@@ -1,6 +1,13 @@
-// macOS's attribute and statistics records on Linux, as far as they are used: the sources that are compiled behind this
+// What macOS's headers have, and do not have, on Linux, as far as it is used: the sources that are compiled behind this
 // header see its names and widths. No record of these goes to a system call.
 #pragma once
+
+#define environ undeclared_environ
+#include <unistd.h>
+#undef environ
+
+// Before the names of the system's are redefined.
+#include <gtest/gtest.h>
 
 #include <cstdint>
 #include <sys/stat.h>
