@@ -19,34 +19,36 @@ struct statvfs stbuf = {};
 
 struct statvfs* DirGetVFS() {
     DirLock();
-    struct statvfs* result = &stbuf;
-    if (stbuf.f_namemax == 0) {
-        stbuf = {};
-        long status = 0;
-        char* reply = getURL("", "action=statvfs", nullptr, nullptr, &status);
-        const cJSON* statistics = nullptr;
-        // The body of a refusal is not released.
-        if (reply != nullptr && status == 200) {
-            statistics = parseReply(reply);
-            std::free(reply);
-        } else {
-            leakOnPurpose(reply);
-        }
-        if (statistics != nullptr) {
-            stbuf.f_flag = noSetuidFlag;
-            stbuf.f_bsize = requiredInt(statistics, "bsize");
-            stbuf.f_frsize = requiredInt(statistics, "frsize");
-            stbuf.f_blocks = static_cast<std::uint32_t>(requiredInt(statistics, "blocks"));
-            stbuf.f_bfree = static_cast<std::uint32_t>(requiredInt(statistics, "bfree"));
-            stbuf.f_bavail = static_cast<std::uint32_t>(requiredInt(statistics, "bavail"));
-            stbuf.f_namemax = requiredInt(statistics, "namemax");
-            releaseReply();
-        } else {
-            result = nullptr;
-        }
-    }
+    const bool known = stbuf.f_namemax != 0;
     DirUnlock();
-    return result;
+    if (known) {
+        return &stbuf;
+    }
+    long status = 0;
+    char* reply = getURL("", "action=statvfs", nullptr, nullptr, &status);
+    if (reply == nullptr || status != 200) {
+        // The body of a refusal is not released.
+        leakOnPurpose(reply);
+        return nullptr;
+    }
+    const cJSON* statistics = parseReply(reply);
+    std::free(reply);
+    if (statistics == nullptr) {
+        return nullptr;
+    }
+    struct statvfs answer = {};
+    answer.f_flag = noSetuidFlag;
+    answer.f_bsize = requiredInt(statistics, "bsize");
+    answer.f_frsize = requiredInt(statistics, "frsize");
+    answer.f_blocks = static_cast<std::uint32_t>(requiredInt(statistics, "blocks"));
+    answer.f_bfree = static_cast<std::uint32_t>(requiredInt(statistics, "bfree"));
+    answer.f_bavail = static_cast<std::uint32_t>(requiredInt(statistics, "bavail"));
+    answer.f_namemax = requiredInt(statistics, "namemax");
+    releaseReply();
+    DirLock();
+    stbuf = answer;
+    DirUnlock();
+    return &stbuf;
 }
 
 void DirForgetVFS() {

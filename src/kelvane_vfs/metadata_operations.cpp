@@ -49,12 +49,12 @@ int kelvane_readdir(const char* path, void* buffer, fuse_fill_dir_t filler, off_
 }
 
 int kelvane_statfs(const char*, struct statvfs* record) {
-    DirLock();
     const struct statvfs* statistics = DirGetVFS();
     if (statistics != nullptr && record != nullptr) {
+        DirLock();
         *record = *statistics;
+        DirUnlock();
     }
-    DirUnlock();
     return 0;
 }
 
