@@ -5,8 +5,8 @@
 void* openTemporaryPool();
 void releaseTemporaryPool(void* pool);
 
-// The current user's home directory as UTF-8, valid until the pool around the call is released.
-const char* homeDirectory();
+// The current user's home directory as UTF-8, empty when it is not known; a heap string that the caller frees.
+char* homeDirectory();
 
 // Shows the directory `path` last among the desktop's favourite volumes; failures are silent. Does nothing on
 // a platform without such a list.

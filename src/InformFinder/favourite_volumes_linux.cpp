@@ -1,7 +1,11 @@
 #include "InformFinder/favourite_volumes.h"
 
+#include "kelvane_vfs/not_null.h"
+
+#include <cstring>
 #include <pwd.h>
 #include <unistd.h>
+#include <vector>
 
 void* openTemporaryPool() {
     return nullptr;
@@ -10,14 +14,12 @@ void* openTemporaryPool() {
 void releaseTemporaryPool(void*) {}
 
 // From the password database, because the daemon does not use its environment.
-const char* homeDirectory() {
-    static thread_local char buffer[16384];
+char* homeDirectory() {
+    std::vector<char> buffer(16384);
     passwd record = {};
     passwd* found = nullptr;
-    if (getpwuid_r(getuid(), &record, buffer, sizeof buffer, &found) != 0 || found == nullptr) {
-        return "";
-    }
-    return record.pw_dir;
+    getpwuid_r(getuid(), &record, buffer.data(), buffer.size(), &found);
+    return notNull(strdup(found != nullptr ? record.pw_dir : ""));
 }
 
 void insertFavouriteVolume(const char*) {}

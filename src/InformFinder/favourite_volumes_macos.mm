@@ -1,5 +1,7 @@
 #include "InformFinder/favourite_volumes.h"
 
+#include "kelvane_vfs/not_null.h"
+
 #include <cstring>
 
 #import <CoreServices/CoreServices.h>
@@ -13,8 +15,8 @@ void releaseTemporaryPool(void* pool) {
     [static_cast<NSAutoreleasePool*>(pool) release];
 }
 
-const char* homeDirectory() {
-    return [NSHomeDirectory() UTF8String];
+char* homeDirectory() {
+    return notNull(strdup([NSHomeDirectory() UTF8String]));
 }
 
 // The URL is not released: one small object in the life of the process.

@@ -57,9 +57,9 @@ char* pathFromDiskName(char* diskName) {
     }
     char server[partBufferSize];
     checkedCopyBytes(server, sizeof server, open + 1, static_cast<std::size_t>(close - open - 1));
+    char* home = homeDirectory();
     char* path = nullptr;
-    if (asprintf(&path, "%s/Library/kelvane/mount/%s/%s", homeDirectory(), server, disk) < 0) {
-        return nullptr;
-    }
-    return path;
+    const int length = asprintf(&path, "%s/Library/kelvane/mount/%s/%s", home, server, disk);
+    std::free(home);
+    return length >= 0 ? path : nullptr;
 }
