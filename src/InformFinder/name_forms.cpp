@@ -1,5 +1,6 @@
 #include "InformFinder/name_forms.h"
 
+#include "InformFinder/name_conversion.h"
 #include "kelvane_vfs/checked_text.h"
 
 #include <cstring>

@@ -4,11 +4,6 @@
 // process. The caller makes sure that only one thread at a time calls them.
 #pragma once
 
-#include <cstddef>
-
-// Room for a form, terminator included.
-constexpr std::size_t nameFormSize = 1024;
-
 // Canonical composition (NFC).
 const char* precompose_string(const char* text);
 
@@ -20,9 +15,3 @@ const char* precompose_string2(const char* text);
 
 // Compatibility decomposition (NFKD).
 const char* decompose_string2(const char* text);
-
-enum class NameForm { nfc, nfd, nfkc, nfkd };
-
-// The conversion itself, one file per platform: writes `text` in that form into `result` and returns `result`, or
-// null with `result` untouched when `text` is not valid UTF-8.
-const char* convertName(const char* text, char (&result)[nameFormSize], NameForm form);

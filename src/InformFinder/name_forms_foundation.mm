@@ -1,4 +1,4 @@
-#include "InformFinder/name_forms.h"
+#include "InformFinder/name_conversion.h"
 
 #include "kelvane_vfs/checked_text.h"
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 
 namespace {
 
@@ -14,8 +15,6 @@ constexpr time_t cacheLifetime = 60;
 // The limit of the kernel's FUSE module.
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathBufferSize = 2048;
-constexpr char traceStart[] = "CACHE-DirRead: adding: ";
-constexpr std::size_t traceBufferSize = 4096;
 
 void dropCache() {
     DirEntryFree(dirEntryTop);
@@ -121,27 +120,18 @@ int DirRead(const char* path, void* buf, fuse_fill_dir_t filler) {
         --recordsInUse;
         std::free(servicePath);
     }
-    // Prints a line for each entry, but does not make a system call for each.
-    char trace[traceBufferSize];
-    char* end = trace;
+    std::string trace; // many lines at once, because each would be a system call
     for (const DirEntry* child = dir->children; child != nullptr;
          child = static_cast<const DirEntry*>(child->hh.next)) {
-        // The size of the start counts its terminator; the line has a newline instead.
-        const std::size_t lineSize = sizeof traceStart + std::strlen(child->name);
-        if (lineSize >= static_cast<std::size_t>(trace + traceBufferSize - end)) {
-            std::fwrite(trace, 1, end - trace, stdout);
-            end = trace;
-        }
-        if (lineSize >= traceBufferSize) {
-            std::printf("%s%s\n", traceStart, child->name);
-        } else {
-            end = stpcpy(stpcpy(stpcpy(end, traceStart), child->name), "\n");
+        trace.append("CACHE-DirRead: adding: ").append(child->name).append("\n");
+        if (trace.size() >= BUFSIZ / 2 || child->hh.next == nullptr) {
+            std::fwrite(trace.data(), 1, trace.size(), stdout);
+            trace.clear();
         }
         if (!isWithheld(child->name)) {
             filler(buf, child->name, &child->st, 0);
         }
     }
-    std::fwrite(trace, 1, end - trace, stdout);
     DirUnlock();
     return 1;
 }

@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <unistd.h>
 
 namespace {
 
@@ -58,8 +57,7 @@ void DirUpdateWithResponse(const char* path, const char* reply) {
     if (parent != nullptr) {
         struct stat st = {};
         DirParseRemoteAttr(reply, &st);
-        st.st_uid = getuid();
-        st.st_gid = getgid();
+        setOwner(&st);
         DirEntryAdd(parent, name, kindOf(st), &st);
     }
     DirUnlock();

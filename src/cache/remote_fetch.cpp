@@ -5,11 +5,8 @@
 #include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/transport.h"
 
-#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <iterator>
-#include <string_view>
 #include <unistd.h>
 
 namespace {
@@ -32,95 +29,31 @@ constexpr AttributeField attributeFields[] = {
     {"ct", [](struct stat& st, int value) { st.st_ctime = value; }},
 };
 
-// The members of a listing element that are used, found in one pass over all of them.
-struct ListedEntry {
-    const cJSON* name;
-    const cJSON* kind;
-    const cJSON* attributes[std::size(attributeFields)];
-};
-
-// A key of one or two letters as a number, the same for upper and lower case; 0 for every other key.
-constexpr unsigned packedKey(const char* key) {
-    constexpr unsigned smallLetter = 0x20;
-    const auto first = static_cast<unsigned char>(key[0]);
-    if (first == '\0') {
-        return 0;
+// Adds the child that one listing element describes. `st` serves all elements of a listing: an attribute that
+// an element leaves out keeps the value of the last element that carried it.
+void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
+    const cJSON* name = cJSON_GetObjectItem(element, "n");
+    if (name == nullptr) {
+        return;
     }
-    const auto second = static_cast<unsigned char>(key[1]);
-    if (second == '\0') {
-        return first | smallLetter;
-    }
-    return key[2] != '\0' ? 0 : (first | smallLetter) | (second | smallLetter) << 8U;
-}
-
-// True for a key of lower-case letters. Its number stands for no other key, because no byte but the letter itself and
-// its upper case becomes a lower-case letter.
-constexpr bool isPackedExactly(const char* key) {
-    const std::string_view letters = key;
-    return !letters.empty() && letters.size() <= 2 &&
-           std::all_of(letters.begin(), letters.end(), [](char letter) { return letter >= 'a' && letter <= 'z'; });
-}
-static_assert(isPackedExactly("n") && isPackedExactly("t") &&
-              std::all_of(std::begin(attributeFields), std::end(attributeFields),
-                          [](const AttributeField& field) { return isPackedExactly(field.key); }));
-
-// The member of `entry` called `key`, or null for a key that is not used.
-const cJSON** memberOf(ListedEntry& entry, const char* key) {
-    const unsigned packed = packedKey(key);
-    if (packed == packedKey("n")) {
-        return &entry.name;
-    }
-    if (packed == packedKey("t")) {
-        return &entry.kind;
-    }
-    for (std::size_t i = 0; i < std::size(attributeFields); ++i) {
-        if (packed == packedKey(attributeFields[i].key)) {
-            return &entry.attributes[i];
+    for (const AttributeField& field : attributeFields) {
+        if (const cJSON* value = cJSON_GetObjectItem(element, field.key); value != nullptr) {
+            field.store(st, value->valueint);
         }
     }
-    return nullptr;
+    const bool isDirectory = requiredInt(element, "t") == listedDirectory;
+    // A name that is not a string is ignored.
+    if (name->valuestring != nullptr) {
+        DirEntryAdd(dir, name->valuestring, isDirectory ? directoryType : fileType, &st);
+    }
 }
 
-// Of members whose keys differ at most in upper and lower case the first one counts, as in a look-up by cJSON.
-ListedEntry readListedEntry(const cJSON* element) {
-    ListedEntry entry = {};
-    for (const cJSON* member = element->child; member != nullptr; member = member->next) {
-        const cJSON** place = member->string != nullptr ? memberOf(entry, member->string) : nullptr;
-        if (place != nullptr && *place == nullptr) {
-            *place = member;
-        }
-    }
-    return entry;
-}
+} // namespace
 
 void setOwner(struct stat* st) {
     st->st_uid = getuid();
     st->st_gid = getgid();
 }
-
-// Adds the child that one listing element describes. `st` serves all elements of a listing: an attribute that
-// an element leaves out keeps the value of the last element that carried it.
-void addListedChild(DirEntry* dir, const cJSON* element, struct stat& st) {
-    const ListedEntry entry = readListedEntry(element);
-    if (entry.name == nullptr) {
-        return;
-    }
-    for (std::size_t i = 0; i < std::size(attributeFields); ++i) {
-        if (entry.attributes[i] != nullptr) {
-            attributeFields[i].store(st, entry.attributes[i]->valueint);
-        }
-    }
-    if (entry.kind == nullptr) {
-        endForMissingMember("t");
-    }
-    const bool isDirectory = entry.kind->valueint == listedDirectory;
-    // A name that is not a string is ignored.
-    if (entry.name->valuestring != nullptr) {
-        DirEntryAdd(dir, entry.name->valuestring, isDirectory ? directoryType : fileType, &st);
-    }
-}
-
-} // namespace
 
 int DirParseRemoteAttr(const char* json, struct stat* st) {
     const cJSON* attributes = parseReply(json);

@@ -4,6 +4,9 @@
 
 #include "cache/dir_entry.h"
 
+// Makes the daemon's user and group the owner of what `st` describes: the service sends neither.
+void setOwner(struct stat* st);
+
 // Fills the seven attributes that the service sends (size, blocks, mode, links, three times) from the attribute object
 // `json`; the rest of `st` stays as it is. Returns 1, or 0 with `st` untouched when `json` does not parse.
 int DirParseRemoteAttr(const char* json, struct stat* st);

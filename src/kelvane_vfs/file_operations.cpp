@@ -86,10 +86,11 @@ int kelvane_read(const char* path, char* buf, std::size_t size, off_t offset, st
     if (reply == nullptr) {
         return failed();
     }
-    // With any status but 206 the body is the whole file, an error page too. It stays allocated when the read
-    // begins behind its end.
-    const std::size_t start = status == 206 ? 0 : first;
-    if (status != 206 && first >= received) {
+    // With any status but 206 the body is the whole file, an error page too. It stays allocated when the read begins
+    // behind its end.
+    const bool isRange = status == 206;
+    const std::size_t start = isRange ? 0 : first;
+    if (!isRange && start >= received) {
         leakOnPurpose(reply);
         return 0;
     }
@@ -117,15 +118,7 @@ int kelvane_truncate(const char* path, off_t size) {
     std::fprintf(stderr, "kelvane_truncate: %s %lld\n", path, static_cast<long long>(size));
     char query[queryBufferSize];
     checkedFormat(query, sizeof query, "action=truncate&offset=%lld", static_cast<long long>(size));
-    long status = 0;
-    char* reply = getURL(path, query, nullptr, nullptr, &status);
-    if (status != 200 && status != 204) {
-        leakOnPurpose(reply);
-        return failed();
-    }
-    std::free(reply);
-    DirUpdate(path);
-    return 0;
+    return changeAndUpdate(path, query, Body::ignored);
 }
 
 int kelvane_flush(const char* path, struct fuse_file_info*) {

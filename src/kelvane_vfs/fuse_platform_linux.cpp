@@ -1,6 +1,7 @@
 #include "kelvane_vfs/fuse_platform.h"
 
 #include "kelvane_vfs/process.h"
+#include "kelvane_vfs/transport.h"
 
 #include <algorithm>
 #include <csignal>
@@ -32,10 +33,8 @@ bool loopEnded = false;
 // callback.
 dev_t diskDevice = 0;
 
-constexpr unsigned largestWrite = 131072;
-
 // The kernel reads in requests of this size, and ahead of programs by one of them unless it is told otherwise.
-constexpr unsigned largestRead = 131072;
+constexpr unsigned largestRead = partSize;
 constexpr unsigned mostReadsAhead = 64;
 constexpr unsigned usualBackground = 12;     // requests that the kernel has under way in the background
 constexpr double lineBytesPerSecond = 125e6; // of a gigabit line
@@ -147,9 +146,7 @@ void platformLoopStarts(struct fuse_conn_info* conn) {
     diskDevice = deviceAtMountDirectory();
     holdDeviceToTheEnd(fuse_get_session(fuse_get_context()->fuse));
     conn->want |= conn->capable & FUSE_CAP_BIG_WRITES;
-    if (conn->max_write > largestWrite) {
-        conn->max_write = largestWrite;
-    }
+    conn->max_write = std::min<unsigned>(conn->max_write, partSize);
 }
 
 void platformFitReadAhead(struct fuse_conn_info* conn, double roundTrip) {

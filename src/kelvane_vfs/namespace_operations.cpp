@@ -1,21 +1,15 @@
 #include "kelvane_vfs/operations.h"
 
-#include "cache/path_lookup.h"
 #include "cache/refresh.h"
 #include "kelvane_vfs/leak_on_purpose.h"
-#include "kelvane_vfs/not_null.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/transport.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <event2/buffer.h>
-#include <event2/http.h>
 
 namespace {
-
-enum class Body { ignored, statusEnvelope };
 
 // Sends one change and judges its answer: 0, or -2 after a line on standard error. The reply of a request
 // that fails by its HTTP status is not freed.
@@ -32,7 +26,8 @@ int requestChange(const char* path, const char* query, Body body) {
     return accepted ? 0 : -ENOENT;
 }
 
-// The same for a change of one path; after success the path's cache entry is refreshed.
+} // namespace
+
 int changeAndUpdate(const char* path, const char* query, Body body) {
     const int result = requestChange(path, query, body);
     if (result == 0) {
@@ -40,8 +35,6 @@ int changeAndUpdate(const char* path, const char* query, Body body) {
     }
     return result;
 }
-
-} // namespace
 
 int kelvane_mkdir(const char* path, mode_t) {
     std::fprintf(stderr, "kelvane_mkdir: %s\n", path);
@@ -60,9 +53,7 @@ int kelvane_rmdir(const char* path) {
 
 int kelvane_rename(const char* from, const char* to) {
     std::fprintf(stderr, "kelvane_rename: %s -> %s\n", from, to);
-    char* target = DirReadOriginalEncodingPath(to);
-    char* encoded = notNull(evhttp_encode_uri(target));
-    std::free(target);
+    char* encoded = encodedServicePath(to);
     char* query = nullptr;
     if (asprintf(&query, "action=rename&to=%s&replace=1", encoded) < 0) {
         std::abort();

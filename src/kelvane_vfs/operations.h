@@ -9,9 +9,6 @@
 
 extern const struct fuse_operations kelvane_filesystem_operations;
 
-// The largest amount of data in one write request, in bytes.
-constexpr std::int32_t partSize = 131072;
-
 // Life cycle (operations.cpp).
 void* kelvane_init(struct fuse_conn_info* conn);
 void kelvane_destroy(void* privateData);
@@ -28,6 +25,13 @@ int kelvane_setattr_x(const char* path, struct setattr_x* attributes);
 int kelvane_getxattr(const char* path, const char* name, char* value, std::size_t size, std::uint32_t position);
 int kelvane_listxattr(const char* path, char* list, std::size_t size);
 int kelvane_removexattr(const char* path, const char* name);
+
+// What the body of a change's reply says: nothing, or the outcome.
+enum class Body { ignored, statusEnvelope };
+
+// Sends a change of one path and refreshes its cache entry after success. Returns 0, or -2 after a line on standard
+// error (namespace_operations.cpp).
+int changeAndUpdate(const char* path, const char* query, Body body);
 
 // File data (file_operations.cpp): every read is a ranged GET, every write goes out at once.
 int kelvane_create(const char* path, mode_t mode, struct fuse_file_info* fi);

@@ -24,15 +24,11 @@ constexpr FlagPair flagPairs[] = {
 
 } // namespace
 
-void endForMissingMember(const char* key) {
-    std::fprintf(stderr, "The service's reply lacks the member \"%s\".\n", key);
-    std::abort();
-}
-
 const cJSON* requiredMember(const cJSON* object, const char* key) {
     const cJSON* member = cJSON_GetObjectItem(object, key);
     if (member == nullptr) {
-        endForMissingMember(key);
+        std::fprintf(stderr, "The service's reply lacks the member \"%s\".\n", key);
+        std::abort();
     }
     return member;
 }

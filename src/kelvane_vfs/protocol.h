@@ -3,10 +3,8 @@
 
 #include <cjson/cJSON.h>
 
-// Ends the process through abort(), after a line on standard error for the service's author: a reply lacks `key`.
-[[noreturn]] void endForMissingMember(const char* key);
-
-// A member that every reply of its kind has; endForMissingMember in a reply without it.
+// A member that every reply of its kind has. A reply without it ends the process through abort(), after a line on
+// standard error for the service's author.
 const cJSON* requiredMember(const cJSON* object, const char* key);
 
 // The same member's integer value (signed 32-bit, as cJSON reads it).

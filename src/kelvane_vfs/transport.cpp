@@ -20,8 +20,8 @@ namespace {
 constexpr std::size_t errorTextSize = 1024;
 static_assert(errorTextSize >= CURL_ERROR_SIZE);
 
-// Holds a read or a write of the kernel's largest size, with its headers, in one piece.
-constexpr long transferBufferSize = 144L * 1024;
+// Holds a largest read or write, with its headers, in one piece.
+constexpr long transferBufferSize = partSize + 16L * 1024;
 
 // A write may send "Expect: 100-continue", but does not wait a round trip for the answer. In milliseconds.
 constexpr long longestExpectWait = 1;
@@ -52,10 +52,7 @@ CURLcode perform(CURL* handle) {
 
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
 char* buildURL(const char* path, const char* query) {
-    char* servicePath = DirReadOriginalEncodingPath(path);
-    char* encoded = notNull(evhttp_encode_uri(servicePath));
-    std::free(servicePath);
-
+    char* encoded = encodedServicePath(path);
     const std::size_t baseLength = std::strlen(baseURL);
     const std::size_t encodedLength = std::strlen(encoded);
     const std::size_t queryLength = query != nullptr ? std::strlen(query) + 1 : 0;
@@ -157,6 +154,13 @@ int SeekMemoryCallback(void* user, curl_off_t offset, int) {
     return CURL_SEEKFUNC_OK;
 }
 
+char* encodedServicePath(const char* path) {
+    char* servicePath = DirReadOriginalEncodingPath(path);
+    char* encoded = notNull(evhttp_encode_uri(servicePath));
+    std::free(servicePath);
+    return encoded;
+}
+
 char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status) {
     std::fprintf(stderr, "getURL: path: %s, query: %s\n", path, query != nullptr ? query : "(null)");
     ReplyBuffer reply = startReply();
@@ -175,11 +179,6 @@ char* getURL(const char* path, const char* query, std::size_t* received, char* h
     const CURLcode result = perform(handle);
     if (result != CURLE_OK) {
         std::printf("CURL error: %s\n", curl_easy_strerror(result));
-        if (received != nullptr) {
-            *received = 0;
-        }
-        std::free(reply.bytes);
-        std::free(url);
         endProcess(1);
     }
     if (status != nullptr) {
@@ -220,11 +219,6 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, nullptr);
     if (result != CURLE_OK) {
         std::fprintf(stderr, "UPLOAD failed due to %s\n", errorText);
-        if (status != nullptr) {
-            *status = 0;
-        }
-        curl_slist_free_all(headers);
-        std::free(url);
         endProcess(1);
     }
     if (status != nullptr) {

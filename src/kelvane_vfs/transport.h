@@ -3,8 +3,12 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <curl/curl.h>
 #include <pthread.h>
+
+// The largest amount of file data in one request, in bytes: the most that the kernel reads or writes at once.
+constexpr std::int32_t partSize = 131072;
 
 // Key of each thread's libcurl handle; null on a thread before its first request.
 extern pthread_key_t lubcurlKey;
@@ -47,6 +51,9 @@ double lastReplySeconds();
 // libcurl's seek callback: goes on at `offset` from the start of the UploadSource `user`. libcurl repeats a request
 // after the server closed the kept connection at that moment.
 int SeekMemoryCallback(void* user, curl_off_t offset, int origin);
+
+// `path` as it stands in a URL, in the service's spelling and percent-encoded; a heap string that the caller frees.
+char* encodedServicePath(const char* path);
 
 // GET of the base URL, the encoded service spelling of `path` and, if not null, "?" and `query`. `headers` is
 // null or extra header lines separated by "\n", which are cut apart in place. `received` (body bytes) and
