@@ -33,6 +33,9 @@ bool loopEnded = false;
 // callback.
 dev_t diskDevice = 0;
 
+// How far the kernel has to read ahead on it.
+unsigned readAheadKilobytes = 0;
+
 // The kernel reads in requests of this size, and ahead of programs by one of them unless it is told otherwise.
 constexpr unsigned largestRead = partSize;
 constexpr unsigned mostReadsAhead = 64;
@@ -87,6 +90,23 @@ dev_t deviceAtMountDirectory() {
         }
     }
     return device;
+}
+
+// Tells the kernel how far to read ahead on this disk; false when it refuses.
+bool setReadAhead() {
+    std::ofstream setting("/sys/class/bdi/" + std::to_string(major(diskDevice)) + ":" +
+                          std::to_string(minor(diskDevice)) + "/read_ahead_kb");
+    return static_cast<bool>(setting << readAheadKilobytes << std::flush);
+}
+
+// An ordinary user is allowed to only when udev has run the package's rule, which takes a while at boot and at log-in.
+void* setReadAheadLater(void*) {
+    constexpr int attempts = 300;
+    constexpr timespec pause = {0, 100'000'000};
+    for (int i = 0; i < attempts && !setReadAhead(); ++i) {
+        nanosleep(&pause, nullptr);
+    }
+    return nullptr;
 }
 
 // One attempt to end the loop; false when the loop is over and no further one is needed. The first attempt marks the
@@ -160,10 +180,10 @@ void platformFitReadAhead(struct fuse_conn_info* conn, double roundTrip) {
     if (reads < 2 || conn->max_readahead < largestRead) {
         return;
     }
-    std::ofstream setting("/sys/class/bdi/" + std::to_string(major(diskDevice)) + ":" +
-                          std::to_string(minor(diskDevice)) + "/read_ahead_kb");
-    if (!(setting << reads * (largestRead / 1024) << std::flush)) {
-        return;
+    readAheadKilobytes = reads * (largestRead / 1024);
+    pthread_t later = {};
+    if (!setReadAhead() && pthread_create(&later, nullptr, setReadAheadLater, nullptr) == 0) {
+        pthread_detach(later);
     }
     conn->max_readahead = reads * largestRead;
     // The kernel's own limits would delay the second of them.
