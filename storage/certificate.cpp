@@ -1,70 +1,58 @@
 #include "storage/certificate.h"
 
-#include "storage/access.h"
+#include "storage/settings.h"
 
 #include <atomic>
-#include <list>
+#include <iterator>
 
 namespace {
 
-constexpr unsigned longestChain = 16;
-
 struct Certificate {
-    gnutls_pcert_st chain[longestChain];
-    unsigned length = longestChain;
+    gnutls_pcert_st chain[16];
+    unsigned length = std::size(decltype(chain){});
     gnutls_privkey_t key = nullptr;
+    gnutls_certificate_credentials_t pair = nullptr;
 };
 
 // A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
 // few kilobytes.
-std::list<Certificate>& certificates = *new std::list<Certificate>;
 std::atomic<Certificate*> current;
+
+// 0, or a negative number of the TLS library, for example when the key is that of another certificate.
+int import(const gnutls_datum_t& chain, const gnutls_datum_t& key, Certificate& certificate) {
+    int error = gnutls_certificate_allocate_credentials(&certificate.pair);
+    if (error >= 0) {
+        error = gnutls_certificate_set_x509_key_mem2(certificate.pair, &chain, &key, GNUTLS_X509_FMT_PEM, nullptr, 0);
+    }
+    if (error >= 0) {
+        error =
+            gnutls_pcert_list_import_x509_raw(certificate.chain, &certificate.length, &chain, GNUTLS_X509_FMT_PEM, 0);
+    }
+    if (error >= 0) {
+        error = gnutls_privkey_init(&certificate.key);
+    }
+    return error < 0 ? error : gnutls_privkey_import_x509_raw(certificate.key, &key, GNUTLS_X509_FMT_PEM, nullptr, 0);
+}
 
 gnutls_datum_t dataOf(std::string& text) {
     return {reinterpret_cast<unsigned char*>(text.data()), static_cast<unsigned>(text.size())};
 }
 
-// 0 when `key` belongs to the certificate, else a negative number of the TLS library.
-int checkPair(const gnutls_datum_t& certificate, const gnutls_datum_t& key) {
-    gnutls_certificate_credentials_t credentials = nullptr;
-    if (const int error = gnutls_certificate_allocate_credentials(&credentials); error != 0) {
-        return error;
-    }
-    const int result =
-        gnutls_certificate_set_x509_key_mem2(credentials, &certificate, &key, GNUTLS_X509_FMT_PEM, nullptr, 0);
-    gnutls_certificate_free_credentials(credentials);
-    return result;
-}
-
 } // namespace
 
 std::string readCertificate(const std::string& certificateFile, const std::string& keyFile) {
-    std::string certificateText;
-    std::string keyText;
-    if (std::string error = readFile(certificateFile, false, certificateText); !error.empty()) {
+    std::string chain;
+    std::string key;
+    std::string error = readSettings(certificateFile, false, chain);
+    error = error.empty() ? readSettings(keyFile, true, key) : error;
+    if (!error.empty()) {
         return error;
     }
-    if (std::string error = readFile(keyFile, true, keyText); !error.empty()) {
-        return error;
+    auto* certificate = new Certificate;
+    if (const int result = import(dataOf(chain), dataOf(key), *certificate); result < 0) {
+        return certificateFile + " and " + keyFile + ": " + gnutls_strerror(result);
     }
-    const gnutls_datum_t certificateData = dataOf(certificateText);
-    const gnutls_datum_t keyData = dataOf(keyText);
-    int error = checkPair(certificateData, keyData);
-    Certificate* read = &certificates.emplace_back();
-    if (error >= 0) {
-        error = gnutls_pcert_list_import_x509_raw(read->chain, &read->length, &certificateData, GNUTLS_X509_FMT_PEM, 0);
-    }
-    if (error >= 0) {
-        error = gnutls_privkey_init(&read->key);
-    }
-    if (error >= 0) {
-        error = gnutls_privkey_import_x509_raw(read->key, &keyData, GNUTLS_X509_FMT_PEM, nullptr, 0);
-    }
-    if (error < 0) {
-        certificates.pop_back();
-        return certificateFile + " and " + keyFile + ": " + gnutls_strerror(error);
-    }
-    current = read;
+    current = certificate;
     return "";
 }
 

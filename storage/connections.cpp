@@ -1,188 +1,136 @@
 #include "storage/connections.h"
 
+#include "storage/trouble.h"
+
+#include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
-#include <csignal>
+#include <cstring>
+#include <map>
 #include <mutex>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
 #include <new>
 #include <poll.h>
-#include <set>
 #include <sys/signalfd.h>
-#include <unistd.h>
+#include <sys/socket.h>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
+using std::chrono::seconds;
 
-constexpr int listenBacklog = 1024;
-constexpr std::int64_t headerMilliseconds = 30000;
-// While other connections wait, one whose header has not come within this time is closed to make room.
-constexpr std::int64_t crowdedMilliseconds = 1000;
-constexpr int lookMilliseconds = 1000;
-constexpr int crowdedLookMilliseconds = 50;
+constexpr seconds headerTime(30);
+constexpr seconds headerTimeInCrowd(1);
+constexpr seconds bodyTime(60);
+constexpr int lookMilliseconds = 1000; // between two looks at the clients
+constexpr int lookMillisecondsInCrowd = 50;
 
 struct Client {
-    int socket;
-    // Milliseconds of the clock. Positive: when the client's time is over. 0: it has no limit. Negative: its next
-    // request has not begun yet; the number without its sign is the time when it could begin.
-    std::atomic<std::int64_t> due;
+    std::atomic<Phase> phase = Phase::stranger;
+    std::atomic<Clock::time_point> since = Clock::now(); // set before `phase`
 };
 
+// By socket: a connection that the library drops without a word counts only until its number is used again.
 std::mutex clientsMutex;
-std::set<Client*> clients;       // guarded by clientsMutex
-std::atomic<unsigned> begun = 0; // connections that the library has begun to serve since the start
-
-std::int64_t now() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now().time_since_epoch()).count();
-}
-
-void setDue(MHD_Connection* connection, std::int64_t due) {
-    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
-    if (info != nullptr && info->socket_context != nullptr) {
-        static_cast<Client*>(info->socket_context)->due = due;
-    }
-}
-
-bool hasReceived(int socket, std::int64_t withinMilliseconds) {
-    tcp_info info = {};
-    socklen_t length = sizeof info;
-    return getsockopt(socket, IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
-           info.tcpi_last_data_recv < withinMilliseconds;
-}
-
-// Shuts down the connections whose time is over; their threads do the rest.
-void endSlowClients(bool crowded) {
-    const std::int64_t time = now();
-    const std::int64_t over = crowded ? time + headerMilliseconds - crowdedMilliseconds : time;
-    const std::lock_guard lock(clientsMutex);
-    for (Client* client : clients) {
-        std::int64_t due = client->due;
-        if (due < 0 && hasReceived(client->socket, time + due)) {
-            client->due.compare_exchange_strong(due, time + headerMilliseconds);
-        } else if (due > 0 && due <= over) {
-            shutdown(client->socket, SHUT_RDWR);
-        }
-    }
-}
+std::map<int, Client> clients; // guarded by clientsMutex
 
 std::size_t countClients() {
     const std::lock_guard lock(clientsMutex);
     return clients.size();
 }
 
-enum class Accepted { one, none, noRoom };
+Client& clientOf(MHD_Connection* connection) {
+    const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
+    return *static_cast<Client*>(info->socket_context);
+}
 
-Accepted acceptOne(MHD_Daemon* daemon, int listener) {
+// Returns 0 or a negated error number.
+int acceptOne(MHD_Daemon* daemon, int listener) try {
     sockaddr_storage address = {};
     socklen_t length = sizeof address;
-    const int socket = accept4(listener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (socket < 0) {
-        return errno == EMFILE || errno == ENFILE || errno == ENOMEM || errno == ENOBUFS ? Accepted::noRoom
-                                                                                         : Accepted::none;
+    Descriptor socket(accept4(listener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (socket.number < 0) {
+        return socket.number;
     }
-    return MHD_add_connection(daemon, socket, reinterpret_cast<const sockaddr*>(&address), length) == MHD_YES
-               ? Accepted::one
-               : Accepted::none;
+    {
+        const std::lock_guard lock(clientsMutex);
+        clients.erase(socket.number);
+        clients.try_emplace(socket.number);
+    }
+    const int added = std::exchange(socket.number, -1); // the library closes it
+    if (MHD_add_connection(daemon, added, reinterpret_cast<const sockaddr*>(&address), length) != MHD_YES) {
+        const std::lock_guard lock(clientsMutex);
+        clients.erase(added);
+    }
+    return 0;
+} catch (const std::bad_alloc&) {
+    return -ENOMEM;
 }
 
 } // namespace
 
-int listenOn(const sockaddr* address, socklen_t length) {
-    const int listener = socket(address->sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    const int on = 1;
-    if (listener < 0) {
-        return -errno;
+Clients endSlowClients(bool isCrowded) {
+    const Clock::time_point now = Clock::now();
+    Clients counted;
+    const std::lock_guard lock(clientsMutex);
+    for (const auto& [socket, client] : clients) {
+        const Phase phase = client.phase;
+        const bool isStranger = phase == Phase::stranger;
+        const seconds time = !isStranger ? bodyTime : isCrowded ? headerTimeInCrowd : headerTime;
+        ++counted.all;
+        counted.strangers += isStranger ? 1 : 0;
+        if (phase != Phase::served && now - client.since.load() > time) {
+            shutdown(socket, SHUT_RDWR); // its thread does the rest
+        }
     }
-    if (setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
-        (address->sa_family == AF_INET6 && setsockopt(listener, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) != 0) ||
-        bind(listener, address, length) != 0 || listen(listener, listenBacklog) != 0) {
-        const int error = errno;
-        close(listener);
-        return -error;
-    }
-    return listener;
+    return counted;
 }
 
-std::uint16_t portOf(int listener) {
-    sockaddr_in6 address = {};
-    socklen_t length = sizeof address;
-    getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
-    return ntohs(address.sin6_port); // at the same place for both families
-}
-
-int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, unsigned most, int signals) {
+int acceptConnections(MHD_Daemon* daemon, const std::vector<Descriptor>& listeners, unsigned most, int signals) {
     std::vector<pollfd> waited = {{signals, POLLIN, 0}};
-    for (const int listener : listeners) {
-        waited.push_back({listener, POLLIN, 0});
+    for (const Descriptor& listener : listeners) {
+        waited.push_back({listener.number, POLLIN, 0});
     }
-    std::int64_t nextLook = 0;
-    unsigned handedOver = begun;
-    bool hasRoom = true;
-    for (;;) {
-        // The library begins to serve a connection on a thread of its own, a little later: perhaps after `handedOver`
-        // was set back below.
-        const unsigned started = begun;
-        if (static_cast<int>(handedOver - started) < 0) {
-            handedOver = started;
+    Clock::time_point nextLook;
+    for (int error = 0;;) {
+        const bool isFull = countClients() >= most;
+        const bool isCrowded = isFull || statusOf(error) == MHD_HTTP_SERVICE_UNAVAILABLE;
+        if (isCrowded) {
+            report(0, isFull ? "all connections are taken" : std::strerror(-error));
         }
-        const bool isFull = countClients() + (handedOver - started) >= most;
-        const bool crowded = isFull || !hasRoom;
-        if (const std::int64_t time = now(); isFull || time >= nextLook) {
-            endSlowClients(isFull);
-            nextLook = time + lookMilliseconds;
-            handedOver = begun; // the library may have dropped some for lack of memory
+        if (const Clock::time_point now = Clock::now(); isCrowded || now >= nextLook) {
+            endSlowClients(isCrowded);
+            nextLook = now + std::chrono::milliseconds(lookMilliseconds);
         }
-        hasRoom = true;
-        if (poll(waited.data(), crowded ? 1 : waited.size(), crowded ? crowdedLookMilliseconds : lookMilliseconds) <=
-            0) {
+        error = 0;
+        const int wait = isCrowded ? lookMillisecondsInCrowd : lookMilliseconds;
+        if (poll(waited.data(), isCrowded ? 1 : waited.size(), wait) <= 0) {
             continue;
         }
         if (signalfd_siginfo signal; waited[0].revents != 0 && read(signals, &signal, sizeof signal) == sizeof signal) {
             return static_cast<int>(signal.ssi_signo);
         }
-        for (std::size_t i = 1; i < waited.size() && !crowded; ++i) {
-            if (waited[i].revents != 0) {
-                const Accepted accepted = acceptOne(daemon, waited[i].fd);
-                handedOver += accepted == Accepted::one ? 1 : 0;
-                hasRoom = hasRoom && accepted != Accepted::noRoom;
-            }
+        for (std::size_t i = 1; i < waited.size() && !isCrowded; ++i) {
+            error = waited[i].revents != 0 ? std::min(error, acceptOne(daemon, waited[i].fd)) : error;
         }
     }
 }
 
 void onConnection(void*, MHD_Connection* connection, void** context, MHD_ConnectionNotificationCode code) {
+    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
     const std::lock_guard lock(clientsMutex);
     if (code == MHD_CONNECTION_NOTIFY_CLOSED) {
-        auto* client = static_cast<Client*>(*context);
-        clients.erase(client);
-        delete client;
-        return;
+        clients.erase(socket);
+    } else {
+        *context = &clients.at(socket);
     }
-    const int socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;
-    Client* client = nullptr;
-    try {
-        client = new Client{socket, now() + headerMilliseconds};
-        clients.insert(client);
-    } catch (const std::bad_alloc&) {
-        delete client;
-        client = nullptr;
-        shutdown(socket, SHUT_RDWR);
-    }
-    *context = client;
-    ++begun;
 }
 
-void headerArrived(MHD_Connection* connection) {
-    setDue(connection, 0);
+void enter(MHD_Connection* connection, Phase phase) {
+    Client& client = clientOf(connection);
+    client.since = Clock::now();
+    client.phase = phase;
 }
 
-void awaitRefusedBody(MHD_Connection* connection) {
-    setDue(connection, now() + headerMilliseconds);
-}
-
-void awaitNextHeader(MHD_Connection* connection) {
-    setDue(connection, -now());
+Phase phaseOf(MHD_Connection* connection) {
+    return clientOf(connection).phase;
 }

@@ -1,26 +1,29 @@
 // The connections of the service: how they are accepted, and when they are ended.
 #pragma once
 
-#include <cstdint>
+#include "storage/descriptor.h"
+
 #include <microhttpd.h>
-#include <sys/socket.h>
 #include <vector>
 
-// A socket that listens on `address`, or a negated error number.
-int listenOn(const sockaddr* address, socklen_t length);
+// A stranger has not shown yet that it has access; its time runs from the beginning of the connection. Of a client that
+// sends, a request is under way. One that is served has no limit here; the library ends it when there is no traffic.
+enum class Phase { stranger, sending, served };
 
-// The port that a socket of `listenOn` got.
-std::uint16_t portOf(int listener);
+struct Clients {
+    unsigned all = 0;
+    unsigned strangers = 0;
+};
 
 // Hands every connection that comes to `listeners` over to `daemon`, `most` at the same time (more wait in the kernel),
 // and ends those that are too slow. Returns the number of the signal that `signals` (a signalfd) has brought.
-int acceptConnections(MHD_Daemon* daemon, const std::vector<int>& listeners, unsigned most, int signals);
+int acceptConnections(MHD_Daemon* daemon, const std::vector<Descriptor>& listeners, unsigned most, int signals);
+
+// Counts the clients, and shuts down those whose time is over (slow-loris). It is shorter while others wait.
+Clients endSlowClients(bool isCrowded);
 
 // The library calls it when a connection begins and when it ends.
 void onConnection(void*, MHD_Connection* connection, void** context, MHD_ConnectionNotificationCode code);
 
-// A client has limited time to send the header of a request, or a body that will be refused. These are called when the
-// header has arrived, when such a body begins, and when the response was sent.
-void headerArrived(MHD_Connection* connection);
-void awaitRefusedBody(MHD_Connection* connection);
-void awaitNextHeader(MHD_Connection* connection);
+void enter(MHD_Connection* connection, Phase phase);
+Phase phaseOf(MHD_Connection* connection);

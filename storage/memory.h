@@ -1,36 +1,22 @@
-// The memory of bodies, which clients make the server hold: uploads until they are complete, responses until they are
-// sent. Together they have one budget; std::bad_alloc is thrown beyond it, and becomes status 503.
+// The memory of bodies, which clients make the server hold: uploads until they are complete, replies until they are
+// sent. Together they have one budget.
 #pragma once
 
 #include <cstddef>
-#include <new>
-#include <string>
+#include <utility>
 
-// Counts `bytes` as used, or throws std::bad_alloc.
-void takeMemory(std::size_t bytes);
-void giveMemoryBack(std::size_t bytes);
+// A part of the budget, given back at its owner's end.
+struct MemoryShare {
+    std::size_t bytes = 0;
 
-template <typename T> struct BodyAllocator {
-    using value_type = T;
-
-    BodyAllocator() = default;
-    template <typename U> BodyAllocator(const BodyAllocator<U>&) {}
-
-    T* allocate(std::size_t count) {
-        takeMemory(count * sizeof(T));
-        if (void* memory = ::operator new(count * sizeof(T), std::nothrow); memory != nullptr) {
-            return static_cast<T*>(memory);
-        }
-        giveMemoryBack(count * sizeof(T));
-        throw std::bad_alloc();
+    MemoryShare() = default;
+    MemoryShare(MemoryShare&& other) noexcept : bytes(std::exchange(other.bytes, 0)) {}
+    MemoryShare& operator=(MemoryShare&& other) noexcept {
+        std::swap(bytes, other.bytes);
+        return *this;
     }
-    void deallocate(T* memory, std::size_t count) {
-        ::operator delete(memory);
-        giveMemoryBack(count * sizeof(T));
-    }
-    friend bool operator==(const BodyAllocator&, const BodyAllocator&) {
-        return true;
-    }
+    ~MemoryShare();
 };
 
-using Text = std::basic_string<char, std::char_traits<char>, BodyAllocator<char>>;
+// Adds `bytes` to `share`. Waits up to ten seconds while the budget is used up, then throws std::bad_alloc.
+void takeMemory(MemoryShare& share, std::size_t bytes);

@@ -3,13 +3,11 @@
 #include <arpa/inet.h>
 #include <atomic>
 #include <cctype>
-#include <cerrno>
 #include <cstdio>
 #include <ctime>
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <new>
-#include <unistd.h>
 
 namespace {
 
@@ -28,7 +26,7 @@ std::string encoded(std::string_view text) {
 }
 
 std::string addressText(const sockaddr* address) {
-    char text[INET6_ADDRSTRLEN] = "-";
+    char text[INET6_ADDRSTRLEN] = "";
     if (address->sa_family == AF_INET) {
         inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text, sizeof text);
     } else if (address->sa_family == AF_INET6) {
@@ -44,42 +42,43 @@ int openLog(const std::string& file) {
         log = STDOUT_FILENO;
         return 0;
     }
-    const int opened =
-        open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, S_IRUSR | S_IWUSR | S_IRGRP);
-    if (opened < 0) {
-        return -errno;
+    Descriptor opened(
+        open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, S_IRUSR | S_IWUSR | S_IRGRP));
+    if (opened.number < 0) {
+        return opened.number;
     }
     // The new file takes the descriptor of the old one, because other threads may be writing to that descriptor.
     if (log < 0) {
-        log = opened;
+        log = std::exchange(opened.number, -1);
         return 0;
     }
-    dup3(opened, log, O_CLOEXEC);
-    close(opened);
-    return 0;
+    return dup3(opened.number, log, O_CLOEXEC) < 0 ? -errno : 0;
 }
 
-bool isLogging() {
-    return log >= 0;
-}
-
-void writeLog(const LogEntry& entry) try {
+void writeLog(const sockaddr* client, const Request& request, const Reply& reply) try {
+    if (log < 0) {
+        return;
+    }
     char time[32];
     const std::time_t now = std::time(nullptr);
     std::tm parts = {};
     std::strftime(time, sizeof time, "%FT%TZ", gmtime_r(&now, &parts));
-    std::string line = time;
-    line += " " + addressText(entry.client) + " " + (entry.user.empty() ? "-" : encoded(entry.user));
-    if (entry.target == nullptr) {
-        line += " - -";
-    } else {
-        line.append(" ").append(nameOf(entry.target->action)).append(" ").append(encoded("/" + entry.target->path));
+    const Target& target = request.target;
+    const bool isWrite = target.action == Action::write;
+    const std::string words[] = {
+        time,
+        request.forwardedFor.empty() ? addressText(client) : request.forwardedFor,
+        encoded(request.user),
+        request.understood ? std::string(nameOf(target.action)) : "",
+        request.understood ? encoded("/" + target.path) : "",
+        reply.status != 0 ? std::to_string(reply.status) : "",
+        std::to_string(isWrite ? request.received : reply.length),
+    };
+    std::string line;
+    for (const std::string& word : words) {
+        line.append(line.empty() ? "" : " ").append(word.empty() ? "-" : word);
     }
-    line += " " + (entry.status == 0 ? "-" : std::to_string(entry.status)) + " " + std::to_string(entry.bytes);
-    if (entry.target != nullptr && entry.target->action == Action::rename) {
-        line += " " + encoded("/" + entry.target->to);
-    }
-    line += "\n";
+    line += (request.understood && target.action == Action::rename ? " " + encoded("/" + *target.to) : "") + "\n";
     // In one piece, so that the lines of several threads do not mix.
     static_cast<void>(write(log, line.data(), line.size()) == 0);
 } catch (const std::bad_alloc&) {

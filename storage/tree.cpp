@@ -1,6 +1,7 @@
 #include "storage/tree.h"
 
 #include "InformFinder/normal_form.h"
+#include "storage/trouble.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -17,48 +18,48 @@ namespace {
 
 constexpr unsigned permissionBits = 0777;
 constexpr unsigned ownersBits = 0600;
-constexpr int mostRaces = 128;
+constexpr int maxAttempts = 128;
 
-int treeDescriptor = -1;
+Descriptor tree;
+Descriptor ownDescriptors; // /proc/self/fd
+bool treeHasLinks = false; // some file systems do not count the links of a directory
 mode_t newFileMode = 0666;
 mode_t newDirectoryMode = 0777;
 bool syncsChanges = false;
 
 // Tries again on EAGAIN, with which the kernel answers when something was renamed during its walk below the directory.
-int openBeneath(const std::string& path, std::uint64_t flags, unsigned mode) {
+Descriptor openBeneath(const std::string& path, std::uint64_t flags) {
     open_how how = {};
     how.flags = flags | O_CLOEXEC;
-    how.mode = mode;
     how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    for (int races = 0; races < mostRaces; ++races) {
-        const long result = syscall(SYS_openat2, treeDescriptor, path.empty() ? "." : path.c_str(), &how, sizeof how);
-        if (result >= 0) {
-            return static_cast<int>(result);
-        }
-        if (errno != EAGAIN && errno != EINTR) {
-            return -errno;
+    Descriptor opened;
+    for (int attempts = 0; attempts < maxAttempts; ++attempts) {
+        const char* name = path.empty() ? "." : path.c_str();
+        opened = Descriptor(static_cast<int>(syscall(SYS_openat2, tree.number, name, &how, sizeof how)));
+        if (opened.number != -EAGAIN && opened.number != -EINTR) {
+            break;
         }
     }
-    return -EAGAIN;
+    return opened;
 }
 
-// 0 when `path` opens with these flags, else the negated error number.
-int probe(const std::string& path, std::uint64_t flags) {
-    const int descriptor = openBeneath(path, flags | O_PATH, 0);
-    if (descriptor >= 0) {
-        close(descriptor);
-        return 0;
-    }
-    return descriptor;
+// True when there is an entry at `path`, be it a link that leads nowhere.
+bool isEntry(const std::string& path) {
+    return openBeneath(path, O_PATH | O_NOFOLLOW).number >= 0;
+}
+
+int resultOf(int outcome) {
+    return outcome == 0 ? 0 : -errno;
+}
+
+// The outcome of a call with an open file. Whether the file may be used was decided when it was opened, so "not found"
+// and "not permitted" now come from a disk that has gone.
+int resultOfOpen(ssize_t outcome) {
+    return outcome >= 0 ? 0 : errno == EINVAL || isFailure(errno) ? -errno : -EIO;
 }
 
 bool isAscii(const std::string& text) {
-    for (const char c : text) {
-        if (static_cast<unsigned char>(c) >= 0x80) {
-            return false;
-        }
-    }
-    return true;
+    return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
 // The path with every component as the directory spells it: as given where that exists, else composed, else
@@ -73,10 +74,10 @@ std::string storedSpelling(const std::string& path) {
         const std::string name = path.substr(start, end - start);
         const std::string before = stored.empty() ? "" : stored + "/";
         stored = before + name;
-        if (probe(stored, O_NOFOLLOW) == -ENOENT) {
+        if (!isEntry(stored)) {
             for (const int form : {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE}) {
                 const std::string candidate = before + normalForm(name, form).value_or(name);
-                if (probe(candidate, O_NOFOLLOW) == 0) {
+                if (isEntry(candidate)) {
                     stored = candidate;
                     break;
                 }
@@ -88,228 +89,190 @@ std::string storedSpelling(const std::string& path) {
 }
 
 // True on file systems whose files are the kernel's own state, where a write may change the system.
-bool isKernelState(int descriptor) {
+bool isKernelState(const Descriptor& descriptor) {
+    constexpr long kinds[] = {PROC_SUPER_MAGIC,   SYSFS_MAGIC,         DEBUGFS_MAGIC,  TRACEFS_MAGIC, SECURITYFS_MAGIC,
+                              CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, EFIVARFS_MAGIC, BPF_FS_MAGIC};
     struct statfs volume;
-    if (fstatfs(descriptor, &volume) != 0) {
-        return false;
-    }
-    switch (volume.f_type) {
-    case PROC_SUPER_MAGIC:
-    case SYSFS_MAGIC:
-    case DEBUGFS_MAGIC:
-    case TRACEFS_MAGIC:
-    case SECURITYFS_MAGIC:
-    case CGROUP_SUPER_MAGIC:
-    case CGROUP2_SUPER_MAGIC:
-    case EFIVARFS_MAGIC:
-    case BPF_FS_MAGIC:
-        return true;
-    default:
-        return false;
-    }
-}
-
-bool isFileToWrite(int descriptor) {
-    struct stat st;
-    return fstat(descriptor, &st) == 0 && S_ISREG(st.st_mode) && !isKernelState(descriptor);
-}
-
-// Splits the last component off and returns it; `path` becomes the path of the directory that holds it.
-std::string takeName(std::string& path) {
-    const std::size_t slash = path.rfind('/');
-    std::string name = path.substr(slash == std::string::npos ? 0 : slash + 1);
-    path.resize(slash == std::string::npos ? 0 : slash);
-    return name;
-}
-
-// Opens the directory in which the entry `name` is to be changed. The caller ends the change with finishChange.
-int openParent(const std::string& directory, const std::string& name) {
-    if (name.empty()) {
-        return -EPERM;
-    }
-    const int parent = openBeneath(directory, O_DIRECTORY | (syncsChanges ? O_RDONLY : O_PATH), 0);
-    if (parent >= 0 && isKernelState(parent)) {
-        close(parent);
-        return -EPERM;
-    }
-    return parent;
+    return fstatfs(descriptor.number, &volume) == 0 &&
+           std::find(std::begin(kinds), std::end(kinds), volume.f_type) != std::end(kinds);
 }
 
 // `sync` is fsync or fdatasync. On a file system that has nothing to wait for it fails with EINVAL.
-int syncDescriptor(int descriptor, int (*sync)(int)) {
-    return !syncsChanges || sync(descriptor) == 0 || errno == EINVAL ? 0 : -errno;
+int syncDescriptor(const Descriptor& descriptor, int (*sync)(int)) {
+    return !syncsChanges || sync(descriptor.number) == 0 || errno == EINVAL ? 0 : resultOfOpen(-1);
 }
 
-// Syncs `parent` after a change in it whose outcome was `result`, and closes it. Returns the outcome of both.
-int finishChange(int parent, int result) {
-    if (result == 0) {
-        result = syncDescriptor(parent, fsync);
+// Calls `change` with the open directory and the name of the entry at `path`, and syncs the directory. `change` returns
+// 0 or a negated error number.
+template <typename Change> int changeEntry(const std::string& path, Change change) {
+    std::string place = storedSpelling(path);
+    const std::size_t start = place.rfind('/') + 1; // of the name; 0 without a slash
+    const std::string name = place.substr(start);
+    place.resize(start == 0 ? 0 : start - 1);
+    const Descriptor directory = openBeneath(place, O_DIRECTORY | (syncsChanges ? O_RDONLY : O_PATH));
+    if (directory.number < 0 || name.empty() || isKernelState(directory)) {
+        return directory.number < 0 ? directory.number : -EPERM;
     }
-    close(parent);
-    return result;
+    const int result = change(directory.number, name.c_str());
+    return result == 0 ? syncDescriptor(directory, fsync) : result;
 }
 
-int resultOf(int outcome) {
-    return outcome == 0 ? 0 : -errno;
+// Some disks report the errors of a write only now.
+int closeFile(Descriptor& file) {
+    return resultOfOpen(close(std::exchange(file.number, -1)));
 }
 
-int removeInTree(const std::string& path, int flags) {
-    std::string directory = storedSpelling(path);
-    if (const int there = probe(directory, 0); there != 0) {
-        return there;
+// Closes `file` after a change whose outcome was `result`, and checks that `path` still leads to it.
+int finishWriting(Descriptor& file, const std::string& path, int result, struct stat& st) {
+    for (const int error :
+         {result, syncDescriptor(file, fdatasync), resultOfOpen(fstat(file.number, &st)), closeFile(file)}) {
+        if (error != 0) {
+            return error;
+        }
     }
-    const std::string name = takeName(directory);
-    const int parent = openParent(directory, name);
-    return parent < 0 ? parent : finishChange(parent, resultOf(unlinkat(parent, name.c_str(), flags)));
+    // Some file systems do not count links; then the path has to lead to the file.
+    struct stat found;
+    const bool isThere =
+        st.st_nlink > 0 || (lookUp(path, found).number >= 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino);
+    return isThere ? 0 : -ENOENT;
 }
 
 } // namespace
-
-void DescriptorCloser::operator()(const int* descriptor) const {
-    if (*descriptor >= 0) {
-        close(*descriptor);
-    }
-}
 
 int openTree(const char* directory, bool sync) {
     const mode_t mask = umask(0);
     newFileMode &= ~mask;
     newDirectoryMode &= ~mask;
     syncsChanges = sync;
-    treeDescriptor = open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    return treeDescriptor < 0 ? -errno : probe("", O_DIRECTORY);
+    tree = Descriptor(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
+    ownDescriptors = Descriptor(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    struct stat st;
+    const int found = tree.number < 0             ? tree.number
+                      : ownDescriptors.number < 0 ? ownDescriptors.number
+                                                  : lookUp("", st).number;
+    treeHasLinks = found >= 0 && st.st_nlink > 0;
+    return std::min(found, 0);
 }
 
-int openInTree(const std::string& path, std::uint64_t flags) {
-    const int descriptor = openBeneath(path, flags, 0);
-    return descriptor == -ENOENT && !isAscii(path) ? openBeneath(storedSpelling(path), flags, 0) : descriptor;
+bool isTreeGone() {
+    struct stat st;
+    return fstat(tree.number, &st) != 0 || (treeHasLinks && st.st_nlink == 0);
 }
 
-int statInTree(const std::string& path, struct stat& st) {
-    const int descriptor = openInTree(path, O_PATH);
-    if (descriptor < 0) {
-        return descriptor;
+bool isShown(const struct stat& st) {
+    return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISFIFO(st.st_mode);
+}
+
+Descriptor lookUp(const std::string& path, struct stat& st) {
+    Descriptor found = openBeneath(path, O_PATH);
+    if (found.number == -ENOENT && !isAscii(path)) {
+        found = openBeneath(storedSpelling(path), O_PATH);
     }
-    const int result = fstat(descriptor, &st) == 0 ? 0 : -errno;
-    close(descriptor);
-    return result;
+    const int known = found.number < 0 ? found.number : resultOfOpen(fstat(found.number, &st));
+    if (known != 0 || (path.empty() && isTreeGone())) {
+        return notOpened(known != 0 ? known : -EIO);
+    }
+    return isShown(st) ? std::move(found) : notOpened(-ENOENT);
+}
+
+Descriptor openInTree(const std::string& path, int access, struct stat& st) {
+    Descriptor found = lookUp(path, st);
+    if (found.number < 0) {
+        return found;
+    }
+    if (access == O_RDONLY ? S_ISFIFO(st.st_mode) : !S_ISREG(st.st_mode) || isKernelState(found)) {
+        return notOpened(-EPERM);
+    }
+    // What was found is opened itself, whatever has its name now.
+    Descriptor opened(openat(ownDescriptors.number, std::to_string(found.number).c_str(), access | O_CLOEXEC));
+    const int known = opened.number < 0 ? opened.number : resultOfOpen(fstat(opened.number, &st));
+    return known != 0 ? notOpened(known) : std::move(opened);
+}
+
+ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset) {
+    std::size_t count = 0;
+    for (ssize_t got = 1; count < length && got != 0; count += std::max<ssize_t>(got, 0)) {
+        got = pread(file.number, bytes + count, length - count, static_cast<off_t>(offset + count));
+        if (got < 0 && errno != EINTR) {
+            return resultOfOpen(got);
+        }
+    }
+    return static_cast<ssize_t>(count);
+}
+
+int writeInTree(Descriptor file, const std::string& path, std::string_view bytes, std::int64_t offset,
+                struct stat& st) {
+    int result = 0;
+    while (!bytes.empty() && result == 0) {
+        const ssize_t written = pwrite(file.number, bytes.data(), bytes.size(), offset);
+        if (written > 0) {
+            bytes.remove_prefix(written);
+            offset += written;
+        } else if (written == 0 || errno != EINTR) {
+            result = written == 0 ? -EIO : resultOfOpen(written);
+        }
+    }
+    return finishWriting(file, path, result, st);
+}
+
+int truncateInTree(const std::string& path, std::int64_t size) {
+    struct stat st;
+    Descriptor file = openInTree(path, O_WRONLY, st);
+    return file.number < 0 ? file.number : finishWriting(file, path, resultOfOpen(ftruncate(file.number, size)), st);
 }
 
 int createInTree(const std::string& path, std::optional<unsigned> mode) {
     if (!isUtf8(path.c_str())) {
         return -EINVAL;
     }
-    std::string directory = storedSpelling(path);
-    const std::string name = takeName(directory);
-    const int parent = openParent(directory, name);
-    if (parent < 0) {
-        return parent;
-    }
-    const int file = openat(parent, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                            (mode.value_or(newFileMode) & permissionBits) | ownersBits);
-    if (file >= 0) {
-        const int synced = syncDescriptor(file, fsync);
-        const int closed = resultOf(close(file));
-        return finishChange(parent, synced != 0 ? synced : closed);
-    }
-    const int error = -errno;
-    close(parent);
-    if (error != -EEXIST) {
-        return error;
+    const int result = changeEntry(path, [mode](int directory, const char* name) {
+        Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                               (mode.value_or(newFileMode) & permissionBits) | ownersBits));
+        const int synced = file.number < 0 ? file.number : syncDescriptor(file, fsync);
+        return synced != 0 ? synced : closeFile(file);
+    });
+    if (result != -EEXIST) {
+        return result;
     }
     struct stat st;
-    const int there = statInTree(path, st);
-    return there != 0 || S_ISREG(st.st_mode) ? there : -EPERM;
-}
-
-int openForWritingInTree(const std::string& path) {
-    const int look = openInTree(path, O_PATH);
-    if (look < 0) {
-        return look;
-    }
-    const bool isOne = isFileToWrite(look);
-    close(look);
-    const int file = isOne ? openInTree(path, O_WRONLY | O_NONBLOCK | O_NOCTTY) : -EPERM;
-    if (file >= 0 && !isFileToWrite(file)) {
-        close(file);
-        return -EPERM;
-    }
-    return file;
-}
-
-int finishWriting(int file, const std::string& path, struct stat& st) {
-    const int synced = syncDescriptor(file, fdatasync);
-    const int result = resultOf(fstat(file, &st));
-    const int closed = resultOf(close(file));
-    if (const int error = synced != 0 ? synced : result != 0 ? result : closed; error != 0) {
-        return error;
-    }
-    // Some file systems do not count links; then the path has to lead to the file.
-    struct stat found;
-    return st.st_nlink > 0 || (statInTree(path, found) == 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino)
-               ? 0
-               : -ENOENT;
-}
-
-int truncateInTree(const std::string& path, std::int64_t size) {
-    const int file = openForWritingInTree(path);
-    if (file < 0) {
-        return file;
-    }
-    const int result = resultOf(ftruncate(file, size));
-    struct stat st;
-    const int finished = finishWriting(file, path, st);
-    return result != 0 ? result : finished;
+    const Descriptor there = lookUp(path, st);
+    return there.number < 0 ? there.number : S_ISREG(st.st_mode) ? 0 : -EPERM;
 }
 
 int makeDirectoryInTree(const std::string& path) {
-    if (!isUtf8(path.c_str())) {
-        return -EINVAL;
-    }
-    std::string directory = storedSpelling(path);
-    const std::string name = takeName(directory);
-    const int parent = openParent(directory, name);
-    return parent < 0 ? parent : finishChange(parent, resultOf(mkdirat(parent, name.c_str(), newDirectoryMode)));
+    return !isUtf8(path.c_str()) ? -EINVAL : changeEntry(path, [](int directory, const char* name) {
+        return resultOf(mkdirat(directory, name, newDirectoryMode));
+    });
 }
 
-int removeFileInTree(const std::string& path) {
-    return removeInTree(path, 0);
-}
-
-int removeDirectoryInTree(const std::string& path) {
-    return removeInTree(path, AT_REMOVEDIR);
+int removeInTree(const std::string& path, int flags) {
+    struct stat st;
+    const int found = lookUp(path, st).number;
+    return found < 0 ? found : changeEntry(path, [flags](int directory, const char* name) {
+        return resultOf(unlinkat(directory, name, flags));
+    });
 }
 
 int renameInTree(const std::string& from, const std::string& to, bool replace) {
     if (!isUtf8(to.c_str())) {
         return -EINVAL;
     }
-    const std::string source = storedSpelling(from);
-    if (const int there = probe(source, 0); there != 0) {
-        return there;
+    struct stat st;
+    if (const int found = lookUp(from, st).number; found < 0) {
+        return found;
     }
-    const std::string destination = storedSpelling(to);
-    // A link that leads outside is not shown, so it must not be replaced either.
-    if (probe(destination, O_NOFOLLOW) == 0 && probe(destination, 0) != 0) {
-        return -EEXIST;
+    // What is not shown, like a link that leads outside, must not be replaced either.
+    if (const int shown = lookUp(to, st).number; shown < 0 && isEntry(storedSpelling(to))) {
+        return isFailure(shown) ? shown : -EEXIST;
     }
-    std::string sourceDirectory = source;
-    const std::string sourceName = takeName(sourceDirectory);
-    std::string targetDirectory = destination;
-    const std::string targetName = takeName(targetDirectory);
-    const int sourceParent = openParent(sourceDirectory, sourceName);
-    if (sourceParent < 0) {
-        return sourceParent;
-    }
-    const int targetParent = openParent(targetDirectory, targetName);
-    if (targetParent < 0) {
-        close(sourceParent);
-        return targetParent;
-    }
-    const int result = resultOf(
-        renameat2(sourceParent, sourceName.c_str(), targetParent, targetName.c_str(), replace ? 0 : RENAME_NOREPLACE));
-    // Both parents are directories, so this error means that a directory was to replace a file.
-    return finishChange(sourceParent, finishChange(targetParent, result == -ENOTDIR ? -EEXIST : result));
+    return changeEntry(from, [&](int sourceDirectory, const char* source) {
+        return changeEntry(to, [&](int targetDirectory, const char* target) {
+            const int flags = replace ? 0 : RENAME_NOREPLACE;
+            const int result = resultOf(renameat2(sourceDirectory, source, targetDirectory, target, flags));
+            // Both parents are directories, so this error means that a directory was to replace a file.
+            return result == -ENOTDIR ? -EEXIST : result;
+        });
+    });
 }
 
 bool isUtf8(const char* text) {

@@ -1,38 +1,42 @@
 // The served directory. The kernel opens every name below it and follows only links that stay inside, so nothing
-// outside can be reached. Paths are relative to the directory, "a/b", and empty for the directory itself. Functions
-// return 0 or a descriptor, or a negated error number.
+// outside can be reached. Paths are relative to the directory, "a/b", and empty for the directory itself. What fails
+// returns a negated error number; -EIO also stands for what looks like an answer, but comes from a disk that is gone.
 #pragma once
 
+#include "storage/descriptor.h"
+
 #include <cstdint>
-#include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
-
-// Closes a descriptor at the end of a block, unless it has become negative.
-struct DescriptorCloser {
-    void operator()(const int* descriptor) const;
-};
-using ClosedAtEnd = std::unique_ptr<const int, DescriptorCloser>;
 
 // Opens the directory to serve; once, before everything else. With `sync` every change below is on the disk before its
 // function returns.
 int openTree(const char* directory, bool sync);
 
-// Opens `path` with open(2)'s flags; the caller closes it.
-int openInTree(const std::string& path, std::uint64_t flags);
+// True when the served directory has been removed, or the mount that it was on is cut off.
+bool isTreeGone();
 
-// Attributes of what `path` leads to.
-int statInTree(const std::string& path, struct stat& st);
+// False for sockets and devices: clients would take them for directories.
+bool isShown(const struct stat& st);
 
-// Opens the regular file at `path` to be written; -EPERM for anything else, which is not opened at all. The caller ends
-// the change with finishWriting.
-int openForWritingInTree(const std::string& path);
+// Finds what `path` leads to, without opening it, and stores its attributes in `st`; -ENOENT if it is not shown.
+Descriptor lookUp(const std::string& path, struct stat& st);
 
-// Closes `file`, which was opened at `path`, and stores its attributes in `st`. An error means that the data may be
-// lost: the disk has reported an error only now, or (-ENOENT) the file has been removed or replaced.
-int finishWriting(int file, const std::string& path, struct stat& st);
+// Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for
+// anything else, which is not opened at all, and for writing the kernel's own state. It may wait until another program
+// has given up its lease.
+Descriptor openInTree(const std::string& path, int access, struct stat& st);
+
+// Reads up to `length` bytes at `offset`, less only at the end of the file. Returns their number.
+ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset);
+
+// Writes all of `bytes` at `offset` to `file`, which was opened at `path`, closes it and stores its attributes in `st`.
+// An error means that the data may be lost: the disk has reported an error only now, or (-ENOENT) the file has been
+// removed or replaced.
+int writeInTree(Descriptor file, const std::string& path, std::string_view bytes, std::int64_t offset, struct stat& st);
 
 // Cuts or extends the file at `path` to `size` bytes.
 int truncateInTree(const std::string& path, std::int64_t size);
@@ -44,8 +48,9 @@ int truncateInTree(const std::string& path, std::int64_t size);
 int createInTree(const std::string& path, std::optional<unsigned> mode);
 
 int makeDirectoryInTree(const std::string& path);
-int removeFileInTree(const std::string& path);
-int removeDirectoryInTree(const std::string& path);
+
+// `flags` is 0 for a file, AT_REMOVEDIR for a directory.
+int removeInTree(const std::string& path, int flags);
 
 // Moves `from` to `to` in one step. With `replace`, an existing `to` is replaced by the rules of the local system.
 int renameInTree(const std::string& from, const std::string& to, bool replace);

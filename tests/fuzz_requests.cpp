@@ -1,6 +1,6 @@
 // libFuzzer target: any request line and Range header for the server (the input is split at the first newline).
 // Nothing that it accepts may lead out of the served directory or lie outside the file.
-#include "storage/target.h"
+#include "storage/request.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
         std::abort();
     }
     Range range = {};
-    if (parseRange(header.c_str(), size, range) == RangeKind::part && range.first + range.length > size) {
+    if (parseRange(header, size, range) == RangeKind::part && range.first + range.length > size) {
         std::abort();
     }
     return 0;

@@ -399,12 +399,12 @@ class StorageTest(ServerTest):
                 ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
                 ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2), ("--prefix x /tmp", "--prefix x: ", 2),
                 ("--host disk.example:80 /tmp", "--host disk.example:80: ", 2),
-                ("--listen 0.0.0.0 /tmp", "other machines reach 0.0.0.0, so this is missing: --tls-cert", 2),
-                ("--listen :: --behind-proxy --no-secret /tmp", "reach ::, so this is missing: a secret", 2),
+                ("--listen 0.0.0.0 /tmp", "other machines reach the address, so this is missing: --tls-cert", 2),
+                ("--listen :: --behind-proxy --no-secret /tmp", "reach the address, so this is missing: a secret", 2),
                 ("--users {0}/others /tmp", "others can", 1), ("--secret-file {0}/others /tmp", "others can", 1),
                 ("--users {0}/bad /tmp", "line 1 is not NAME:PASSWORD", 1), ("--help", "usage: ", 0),
                 ("--tls-cert /dev/null --tls-key /dev/null /tmp", "/dev/null: ", 1), ("--version", "storage 1.", 0),
-                ("--listen 'not an address' /tmp", "no such address", 1), ("/none", "/none: No such file", 1),
+                ("--listen 'not an address' /tmp", "cannot serve on", 1), ("/none", "/none: No such file", 1),
                 (f"--port {urllib.parse.urlsplit(self.url).port} /tmp", "cannot serve on", 1)):
             written, ended = shell(f"{STORAGE} " + arguments.format(self.scratch))
             self.assertEqual((output in written, ended), (True, status), written)

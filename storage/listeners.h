@@ -1,0 +1,22 @@
+// The sockets that listen for clients.
+#pragma once
+
+#include "storage/descriptor.h"
+
+#include <string>
+#include <vector>
+
+// The sockets that the service manager has opened (sd_listen_fds(3)); none if it has not.
+std::vector<Descriptor> inheritListeners();
+
+// Listens on all addresses of all `names`, with the same port; `port` "0" picks a free one. Addresses that this machine
+// does not have are left out unless it has none of them. Returns an empty text, or says in words what is wrong.
+std::string openListeners(const std::vector<std::string>& names, const std::string& port,
+                          std::vector<Descriptor>& listeners);
+
+// True for a socket that only this machine reaches.
+bool isLocal(const Descriptor& listener);
+
+// "//HOST:PORT" for a URL that reaches the socket from this machine. HOST is `host`, or the socket's address if that is
+// empty. For a Unix socket "//unix:PATH:", as nginx writes it.
+std::string authorityOf(const Descriptor& listener, const std::string& host);

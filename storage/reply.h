@@ -1,0 +1,51 @@
+// The answer to a request, as a value, and how it is sent.
+#pragma once
+
+#include "storage/descriptor.h"
+#include "storage/listing.h"
+#include "storage/memory.h"
+
+#include <cstdint>
+#include <memory>
+#include <microhttpd.h>
+#include <string>
+#include <variant>
+#include <vector>
+
+struct Header {
+    const char* name;
+    std::string value;
+};
+
+// A part of a file that has been read.
+struct Copy {
+    MemoryShare share;
+    std::unique_ptr<char[]> bytes;
+};
+
+// A part of a file that is read while it is sent.
+struct Stream {
+    MemoryShare share;
+    Descriptor file;
+    std::uint64_t first;
+};
+
+// A body is declared, and the connection ends before it. A refusal without a body would look like an empty file or an
+// empty directory, and refused attributes like a file that is gone.
+struct BrokenOff {};
+
+struct Reply {
+    unsigned status = 0;      // 0 while there is no answer
+    bool isLast = false;      // the connection ends with it
+    std::uint64_t length = 0; // of the body; for a listing what has been sent of it
+    int socket = -1;          // of the connection, once it is sent
+    std::vector<Header> headers = {};
+    std::variant<std::monostate, std::string, Copy, Stream, Listing, BrokenOff> body = {};
+};
+
+// Queues `reply`, which stays the caller's until the library has completed the request. Returns what the library's
+// request handler has to return.
+MHD_Result send(MHD_Connection* connection, Reply& reply);
+
+// Like `send` for a request that fails for lack of memory, of which perhaps only the query is known.
+MHD_Result sendShortage(MHD_Connection* connection, Reply& reply);

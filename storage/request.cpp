@@ -1,0 +1,231 @@
+#include "storage/request.h"
+
+#include "storage/access.h"
+
+#include <algorithm>
+#include <arpa/inet.h>
+#include <charconv>
+#include <microhttpd.h>
+#include <strings.h>
+
+namespace {
+
+constexpr std::string_view actionNames[] = {"read",  "props", "statvfs", "create", "truncate",
+                                            "write", "mkdir", "unlink",  "rmdir",  "rename"};
+constexpr std::string_view keys[] = {"action", "flags", "offset", "mode", "to", "replace"};
+
+bool isChange(Action action) {
+    return action != Action::plain && action != Action::props && action != Action::statvfs;
+}
+
+// Cuts `text` at the first `separator` and returns what stands before it; `text` becomes what follows.
+std::string_view takeUntil(std::string_view& text, char separator) {
+    const std::size_t end = std::min(text.find(separator), text.size());
+    const std::string_view taken = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return taken;
+}
+
+template <typename Number> bool parseNumber(std::string_view text, Number& number, int base = 10) {
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number, base);
+    return error == std::errc() && stop == end;
+}
+
+// Decodes a percent-encoded path into `path`; false when the encoding is broken or a component is "." or "..", or holds
+// a NUL. Empty components are dropped.
+bool decodePath(std::string_view encoded, std::string& path) {
+    std::string text;
+    for (std::size_t i = 0; i < encoded.size(); ++i) {
+        unsigned char c = encoded[i];
+        if (c == '%') {
+            const std::string_view digits = encoded.substr(i + 1, 2);
+            if (digits.size() != 2 || !parseNumber(digits, c, 16)) {
+                return false;
+            }
+            i += 2;
+        }
+        text += static_cast<char>(c);
+    }
+    path.clear();
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view component = takeUntil(rest, '/');
+        if (component == "." || component == "..") {
+            return false;
+        }
+        path.append(path.empty() || component.empty() ? "" : "/").append(component);
+    }
+    return path.find('\0') == std::string::npos;
+}
+
+// `seen` has a bit for each key that was there before. A proxy may take the first of two, so a second one is refused.
+bool parseParameter(std::string_view parameter, Target& target, unsigned& seen) {
+    const std::string_view key = takeUntil(parameter, '=');
+    const auto* known = std::find(std::begin(keys), std::end(keys), key);
+    const unsigned bit = known != std::end(keys) ? 1U << (known - keys) : 0;
+    if ((seen & bit) != 0) {
+        return false;
+    }
+    seen |= bit;
+    if (key == "action") {
+        const auto* name = std::find(std::begin(actionNames) + 1, std::end(actionNames), parameter);
+        target.action = static_cast<Action>(name - actionNames);
+        return name != std::end(actionNames);
+    }
+    if (key == "offset") {
+        return parseNumber(parameter, target.offset.emplace()) && *target.offset >= 0;
+    }
+    if (key == "mode") {
+        return parseNumber(parameter, target.mode.emplace());
+    }
+    target.replace |= key == "replace" && parameter == "1";
+    return key != "to" || decodePath(parameter, target.to.emplace());
+}
+
+bool parseQuery(std::string_view query, Target& target) {
+    const bool isPlain = query.empty();
+    for (unsigned seen = 0; !query.empty();) {
+        if (!parseParameter(takeUntil(query, '&'), target, seen)) {
+            return false;
+        }
+    }
+    const bool needsOffset = target.action == Action::truncate || target.action == Action::write;
+    return (isPlain || target.action != Action::plain) && (!needsOffset || target.offset) &&
+           (target.action != Action::rename || target.to);
+}
+
+// Checks the headers that say where the body ends. If they leave doubt, the rest of the body could pass for a request
+// of its own (request smuggling). The library ignores headers whose name it does not know. Among them are names with a
+// blank behind them, and those that begin with the rest of a folded line.
+unsigned judgeFraming(const RequestHead& head) {
+    constexpr std::string_view contentLength = "Content-Length";
+    constexpr std::string_view transferEncoding = "Transfer-Encoding";
+    unsigned count = 0; // of headers that say where the body ends
+    bool isDoubtful = false;
+    std::uint64_t length = 0;
+    for (const auto& [name, value] : head.headers) {
+        isDoubtful |=
+            name.empty() || std::any_of(name.begin(), name.end(), [](char c) { return c <= ' ' || c >= 0x7f; });
+        if (isSameName(name.substr(0, contentLength.size()), contentLength)) {
+            ++count;
+            isDoubtful |= name.size() != contentLength.size() || !parseNumber(value, length);
+        } else if (isSameName(name.substr(0, transferEncoding.size()), transferEncoding)) {
+            ++count;
+            isDoubtful |= name.size() != transferEncoding.size() || !isSameName(value, "chunked") ||
+                          head.version != MHD_HTTP_VERSION_1_1;
+        }
+    }
+    return isDoubtful || count > 1 ? MHD_HTTP_BAD_REQUEST : length > largestBody ? MHD_HTTP_CONTENT_TOO_LARGE : 0;
+}
+
+// The last address of X-Forwarded-For is the one that the proxy itself has seen.
+std::string forwardedAddress(const RequestHead& head) {
+    std::string last;
+    for (const auto& [name, value] : head.headers) {
+        if (isSameName(name, "X-Forwarded-For")) {
+            last = value.substr(std::min(value.find_last_of(", ") + 1, value.size()));
+        }
+    }
+    in6_addr bytes;
+    return inet_pton(AF_INET, last.c_str(), &bytes) == 1 || inet_pton(AF_INET6, last.c_str(), &bytes) == 1 ? last : "";
+}
+
+unsigned judgeTarget(const RequestHead& head, const Options& options, Request& request) {
+    if (const unsigned malformed = parseTarget(head.text, options.base, request.target); malformed != 0) {
+        return malformed;
+    }
+    request.understood = true;
+    const Action action = request.target.action;
+    const bool isRead =
+        head.method == MHD_HTTP_METHOD_GET || (head.method == MHD_HTTP_METHOD_HEAD && !isChange(action));
+    if (action == Action::write ? head.method != MHD_HTTP_METHOD_PUT : !isRead) {
+        return MHD_HTTP_METHOD_NOT_ALLOWED;
+    }
+    return request.readOnly && isChange(action) ? MHD_HTTP_FORBIDDEN : 0;
+}
+
+} // namespace
+
+Request judge(const RequestHead& head, const Options& options) {
+    Request request;
+    request.forwardedFor = options.behindProxy ? forwardedAddress(head) : "";
+    request.range = valueOf(head, "Range");
+    request.refusal = judgeFraming(head);
+    request.isDoubtful = request.refusal != 0;
+    if (request.refusal == 0) {
+        request.refusal = admit(head, options, request);
+        request.admitted = request.refusal == 0;
+    }
+    if (request.admitted) {
+        request.refusal = judgeTarget(head, options, request);
+    }
+    return request;
+}
+
+unsigned parseTarget(std::string_view text, std::string_view prefix, Target& target) {
+    std::string_view authority;
+    std::string_view query = withoutAuthority(text, authority);
+    std::string_view encoded = takeUntil(query, '?');
+    if (!encoded.starts_with(prefix)) {
+        return encoded.starts_with('/') ? MHD_HTTP_NOT_FOUND : MHD_HTTP_BAD_REQUEST;
+    }
+    encoded.remove_prefix(prefix.size());
+    if (!decodePath(encoded, target.path) || !parseQuery(query, target)) {
+        return MHD_HTTP_BAD_REQUEST;
+    }
+    // A prefix that does not end in "/" ends in the middle of a name unless a "/" follows.
+    const bool isAtName =
+        prefix.ends_with('/') || encoded.empty() || encoded.starts_with('/') || isSameName(encoded.substr(0, 3), "%2F");
+    return isAtName ? 0 : MHD_HTTP_NOT_FOUND;
+}
+
+RangeKind parseRange(std::string_view text, std::uint64_t size, Range& range) {
+    constexpr std::string_view unit = "bytes=";
+    range = {0, size};
+    const std::size_t dash = text.find('-');
+    if (!text.starts_with(unit) || dash == std::string_view::npos) {
+        return RangeKind::whole;
+    }
+    const std::string_view firstText = text.substr(unit.size(), dash - unit.size());
+    const std::string_view lastText = text.substr(dash + 1);
+    std::uint64_t first = 0;
+    std::uint64_t last = UINT64_MAX;
+    if ((!firstText.empty() && !parseNumber(firstText, first)) ||
+        ((firstText.empty() || !lastText.empty()) && !parseNumber(lastText, last)) || last < first) {
+        return RangeKind::whole;
+    }
+    if (firstText.empty()) { // the last bytes
+        first = last != 0 ? size - std::min(last, size) : size;
+        last = size;
+    }
+    if (first >= size) {
+        return RangeKind::unsatisfiable;
+    }
+    range = {first, std::min(last, size - 1) - first + 1};
+    return RangeKind::part;
+}
+
+std::string_view withoutAuthority(std::string_view text, std::string_view& authority) {
+    for (const std::string_view scheme : {"http://", "https://"}) {
+        if (text.starts_with(scheme)) {
+            const std::size_t slash = std::min(text.find('/', scheme.size()), text.size());
+            authority = text.substr(scheme.size(), slash - scheme.size());
+            return slash == text.size() ? "/" : text.substr(slash);
+        }
+    }
+    return text;
+}
+
+std::string_view nameOf(Action action) {
+    return actionNames[static_cast<std::size_t>(action)];
+}
+
+std::string_view valueOf(const RequestHead& head, std::string_view name) {
+    const auto found = std::find_if(head.headers.begin(), head.headers.end(),
+                                    [&](const auto& header) { return isSameName(header.first, name); });
+    return found != head.headers.end() ? found->second : std::string_view();
+}
+
+bool isSameName(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
