@@ -347,8 +347,9 @@ def mounted(site: Site, system: str, uncached: bool = False) -> Iterator[Mount]:
 def unmount(mount: Mount) -> None:
     """Unmounts, waits until the processes have ended, and kills them after a minute."""
     mine = mount.processes()
-    command = 'for i in {1..20}; do umount "$0" 2>/dev/null && exit; sleep 0.1; done; umount -l "$0"'
-    program = subprocess.Popen(["bash", "-c", command, mount.point], stdout=subprocess.DEVNULL)
+    command = 'for i in {1..20}; do umount "$0" && exit; sleep 0.1; done; umount -l "$0"'
+    program = subprocess.Popen(["bash", "-c", command, mount.point], stdout=subprocess.DEVNULL,
+                               stderr=subprocess.DEVNULL)
 
     def has_ended() -> bool:
         for pid in mine:  # those from the background are children of this process

@@ -204,6 +204,8 @@ def forked(work: Callable[[], None]) -> int:
             code = 0
         except SystemExit as ending:
             code = ending.code
+        except Failure as failure:
+            code = str(failure)
         except BaseException:
             sys.excepthook(*sys.exc_info())
         if isinstance(code, str):
