@@ -29,7 +29,7 @@ class Amounts:
     files: int  # in each directory
 
 
-NEAR = Amounts(read=256 * MEBIBYTE, random=1000, write=256 * MEBIBYTE, changes=500, directories=100, files=100)
+NEAR = Amounts(read=256 * MEBIBYTE, random=500, write=256 * MEBIBYTE, changes=200, directories=100, files=100)
 FAR = Amounts(read=64 * MEBIBYTE, random=20, write=8 * MEBIBYTE, changes=10, directories=20, files=50)
 
 
