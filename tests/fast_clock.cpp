@@ -1,8 +1,12 @@
 // Linked into a daemon for the tests with --wrap=time: its clock runs 60 times faster, so that the cache, which lasts a
-// minute, is dropped every second.
+// minute, is dropped every second. With --wrap=poll, a stop has at most a thirtieth of its time, but the loop has its
+// grace six times over.
 #include <ctime>
+#include <poll.h>
 
 extern "C" time_t __wrap_time(time_t* result);
+extern "C" int __wrap_poll(pollfd* descriptors, nfds_t count, int milliseconds);
+extern "C" int __real_poll(pollfd* descriptors, nfds_t count, int milliseconds);
 
 extern "C" time_t __wrap_time(time_t* result) {
     timespec now = {};
@@ -13,4 +17,8 @@ extern "C" time_t __wrap_time(time_t* result) {
         *result = fast;
     }
     return fast;
+}
+
+extern "C" int __wrap_poll(pollfd* descriptors, nfds_t count, int milliseconds) {
+    return __real_poll(descriptors, count, milliseconds > 1000 ? milliseconds / 30 : milliseconds * 6);
 }

@@ -84,7 +84,7 @@ def text(name: str | os.PathLike) -> str:
         return file.read()
 
 
-def until(condition: Callable[[], object], *programs: Program, seconds: float = 100) -> None:
+def until(condition: Callable[[], object], *programs: Program, seconds: float = 30) -> None:
     """Returns when the condition holds. A Failure when one of the programs has ended before, or after the seconds."""
     last = time.monotonic() + seconds
     while True:
@@ -299,7 +299,6 @@ class ServerTest(unittest.TestCase):
         self.scratch = tempfile.mkdtemp(prefix="kelvane-", dir=os.environ.get("KELVANE_TEST_ROOT"))
         self.tree, self.server = self.scratch + "/tree", None
         os.mkdir(self.tree)
-
         self.addCleanup(clean_up, self.scratch)
 
     def tearDown(self):
