@@ -66,8 +66,7 @@ class MountTest(ServerTest):
         until(lambda: re.search(rf":{port:04X} \S+ \w\w \w+:0*[1-9A-F]", text("/proc/net/tcp")), self.daemon)
 
     def ended(self, status):
-        until(lambda: self.daemon.poll() is not None)
-        self.daemon.finish(status)
+        self.daemon.finish(status, 30)
         until(lambda: not is_mounted(self.disk))
 
     def failed(self, line):

@@ -2,13 +2,10 @@
 name spaces, certificates, and a directory to work in."""
 import contextlib
 import ctypes
-import fcntl
 import os
 import re
 import shutil
 import signal
-import socket
-import struct
 import subprocess
 import sys
 import tempfile
@@ -19,8 +16,7 @@ from typing import Callable, Iterator, Sequence
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BIN = os.environ.get("KELVANE_BIN", TOP + "/build/run")
 STORAGE, VFS = BIN + "/kelvane_storage", BIN + "/kelvane_vfs"
-PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
-SIOCSIFFLAGS, IFF_UP = 0x8914, 1
+PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER, MNT_DETACH = 1, 36, 2
 NEW_MOUNTS, NEW_USERS, NEW_PROCESSES, NEW_NETWORK = 0x20000, 0x10000000, 0x20000000, 0x40000000
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -53,20 +49,19 @@ class Program(subprocess.Popen):
     def failure(self, reason: str) -> Failure:
         return Failure(f"{' '.join(self.command)[:300]}: {reason}\n{self.output()}")
 
-    def finish(self, status: int = 0) -> None:
-        """Waits for its end; a Failure if its status is another one."""
-        if self.wait() != status:
-            raise self.failure(f"ended with status {self.returncode}")
-
-    def end(self, number: int = signal.SIGTERM, status: int | None = None, seconds: float = 60) -> None:
-        """Ends it with a signal, and after the seconds with SIGKILL. A Failure if its status is not the given one."""
-        self.send_signal(number)
+    def finish(self, status: int | None = 0, seconds: float | None = None) -> None:
+        """Waits for its end; after the seconds it is killed. A Failure if its status is not the given one."""
         try:
             self.wait(seconds)
         except subprocess.TimeoutExpired:
             os.killpg(self.pid, signal.SIGKILL)
         if self.wait() != status and status is not None:
             raise self.failure(f"ended with status {self.returncode}")
+
+    def end(self, number: int = signal.SIGTERM, status: int | None = None, seconds: float = 60) -> None:
+        """Ends it with a signal."""
+        self.send_signal(number)
+        self.finish(status, seconds)
 
 
 start = Program
@@ -109,12 +104,23 @@ def serve(command: Sequence[object], log: str, **options) -> Program:
     return server
 
 
+def mount_points(kind: str = "") -> list[str]:
+    """The paths of what is mounted, of file systems of this kind, the last one last."""
+    lines = [line.split(" ") for line in text("/proc/self/mountinfo").splitlines()]
+    return [re.sub(r"\\(\d{3})", lambda code: chr(int(code[1], 8)), words[4]) for words in lines
+            if words[words.index("-") + 1].startswith(kind)]
+
+
 def is_mounted(point: str | os.PathLike) -> bool:
     """Whether the mount table has the path. Looking at the disk itself could wait for its server."""
     parent, name = os.path.split(os.path.abspath(point))
-    path = os.fsencode(os.path.join(os.path.realpath(parent), name)).decode("latin-1")
-    points = (line.split(" ")[4] for line in text("/proc/self/mountinfo").splitlines())
-    return path in (re.sub(r"\\(\d{3})", lambda code: chr(int(code[1], 8)), each) for each in points)
+    return os.fsencode(os.path.join(os.path.realpath(parent), name)).decode("latin-1") in mount_points()
+
+
+def detach(point: str) -> None:
+    """Unmounts lazily, in the way that is allowed to this user."""
+    if libc.umount2(point.encode("latin-1"), MNT_DETACH) != 0:
+        subprocess.run(["fusermount", "-u", "-z", "-q", point.encode("latin-1")])
 
 
 def mount(command: Sequence[object], point: str | os.PathLike, log: str, **options) -> Program:
@@ -169,10 +175,12 @@ def make_spaces(kinds: int) -> None:
 
 
 def furnish_spaces(kinds: int) -> None:
-    subprocess.run(["mount", "--make-rprivate", "/"], check=True)
+    # A disk lives until it is unmounted in all name spaces that have it.
+    subprocess.run(["mount", "--make-rslave", "/"], check=True)
+    for point in reversed(mount_points("fuse")):
+        detach(point)
     if kinds & NEW_NETWORK:
-        with socket.socket() as any_socket:  # brings lo up
-            fcntl.ioctl(any_socket, SIOCSIFFLAGS, struct.pack("16sh14x", b"lo", IFF_UP))
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
 def in_spaces(story: Callable[[], None]) -> int:
@@ -279,8 +287,9 @@ def clean_up(work: str) -> None:
     for program in running:
         if program.poll() is None:
             os.killpg(program.pid, signal.SIGKILL)
-    shell(f"findmnt -rno TARGET | tac | grep -F '{work}/' | while read -r point; do"
-          ' fusermount -u -z "$(printf %b "$point")" || umount -l "$(printf %b "$point")"; done')
+    for point in reversed(mount_points()):
+        if point.startswith(work + "/"):
+            detach(point)
     for program in running:
         program.wait()
     running.clear()
