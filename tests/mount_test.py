@@ -44,22 +44,20 @@ class MountTest(ServerTest):
         os.mkdir(self.disk)
         libc.prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
 
-    def command(self, options, point=None):
-        return [*STARTER, VFS, self.url, "Documents (storage)", *options, point or self.disk]
+    def start(self, options, *starter, vfs=VFS):
+        command = [*starter, *STARTER, vfs, self.url, "Documents (storage)", *options, os.path.basename(self.disk)]
+        self.daemon = start(command, self.disk, cwd=self.scratch)
 
-    def start(self, options):
-        self.daemon = start(self.command(options), self.disk)
+    def mount(self, options=("-f",), *starter, **program):
+        self.start(options, *starter, **program)
+        if "-f" not in options and "-d" not in options:  # it goes to the background
+            self.daemon.finish()
+            self.daemon.pid = int(text("/proc/thread-self/children").split()[-1])
+            self.daemon.returncode = None
+        self.until_mounted()
 
-    def mount(self, options=("-f",), *starter):
-        command = [*starter, *self.command(options)]
-        if "-f" in options or "-d" in options:
-            self.daemon = mount(command, self.disk, self.disk)
-            return
-        self.daemon = start(command, self.disk)
-        self.daemon.finish()
-        self.daemon.pid = int(text("/proc/thread-self/children").split()[-1])
-        self.daemon.returncode = None
-        until(lambda: os.access(self.disk + "/.", os.F_OK), self.daemon)
+    def until_mounted(self):
+        until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK), self.daemon)
 
     def until_asked(self):  # until bytes of a request wait in the frozen server's socket
         port = int(re.search(r":(\d+)/", self.url)[1])
@@ -134,7 +132,7 @@ class MountTest(ServerTest):
             self.until_asked()
             time.sleep(0.02)  # the first reply takes at least this long
             self.server.send_signal(signal.SIGCONT)
-            until(lambda: is_mounted(self.disk) and os.access(self.disk + "/.", os.F_OK), self.daemon)
+            self.until_mounted()
             device = os.stat(self.disk).st_dev
             setting = f"/sys/class/bdi/{os.major(device)}:{os.minor(device)}/read_ahead_kb"
             self.assertIn(int(text(setting)), far if os.access(setting, os.W_OK) or options else [128])
@@ -184,7 +182,7 @@ class MountTest(ServerTest):
             thread.start()
         until(lambda: acknowledged[0] or not is_busy)
         if way:
-            os.kill(self.daemon.pid, way)
+            self.send(way)
         else:
             until(lambda: shell(f"fusermount -u {self.disk}")[1] == 0)
         self.ended(1 if way else 0)
@@ -194,7 +192,7 @@ class MountTest(ServerTest):
             with open(self.tree + "/file", "rb") as file:
                 self.assertTrue(file.read(acknowledged[0]) == written[:acknowledged[0]])
         elif way and "-f" in mode:
-            lines = (f"handleSignal: {int(way)}", f"stopping fuse for mount point {self.disk}",
+            lines = (f"handleSignal: {int(way)}", "stopping fuse for mount point disk",
                      "handleSignal: write result = 1", "got packet from signalHandler, trying to exit...",
                      "(.*\n)*kelvane_vfs exiting\n$")
             self.assertRegex(text(self.disk + ".out"), "\n".join(lines))
@@ -206,55 +204,48 @@ class MountTest(ServerTest):
         self.until_asked()
         return reader
 
-    # The first signal cannot end the loop. The process ends while threads of the FUSE library still run.
+    def send(self, *ways):
+        for way in ways:
+            os.kill(self.daemon.pid, way)
+
+    # The first signal cannot end the loop. The process ends while threads of the FUSE library still run. However the
+    # mount point is written, the daemon detaches its disk.
     def test_stops_twice(self):
         os.environ["TSAN_OPTIONS"] = os.environ.get("TSAN_OPTIONS", "") + ":report_thread_leaks=0"
-        for mode in [["-f"], ["-f", "-s"], AUTO] + ([] if UNDER_TSAN else [[], ["-s"]]):
+        self.disk = self.scratch + "/a disk"
+        for name in "a disk", "attr_timeout=1":
+            os.mkdir(f"{self.scratch}/{name}")
+        for mode in [["-f"], ["-f", "-s"], AUTO, ["-f", "-o", "attr_timeout=1"]] + ([] if UNDER_TSAN else [[], ["-s"]]):
             with self.subTest(mode=mode):
                 self.serve()
                 self.mount(mode)
                 reader = self.freeze_in_a_request()
-                for way in signal.SIGINT, signal.SIGTERM:
-                    os.kill(self.daemon.pid, way)
+                self.send(signal.SIGINT, signal.SIGTERM)
                 self.ended(1)
                 self.assertNotEqual(reader.wait(), 0)
                 self.end_server()
 
-    # However its mount point is written, the daemon detaches its disk, and no other one that has taken the place.
-    def test_detaches_its_own_disk(self):
-        self.disk = self.scratch + "/a disk"
-        for name in "a disk", "attr_timeout=1":
-            os.mkdir(f"{self.scratch}/{name}")
-        for is_replaced in False, True:
-            self.serve()
-            self.daemon = mount(self.command(["-f", "-o", "attr_timeout=1"], "a disk"), self.disk,
-                                self.scratch + "/daemon", cwd=self.scratch)
-            reader = self.freeze_in_a_request()
-            if is_replaced:
-                self.check(f"fusermount -u -z '{self.disk}'")
-                other_server = serve([STORAGE, self.tree], self.scratch + "/other_server")
-                other = mount([VFS, other_server.url, "Other", "-f", self.disk], self.disk, self.scratch + "/other")
-            for way in signal.SIGINT, signal.SIGTERM:
-                os.kill(self.daemon.pid, way)
-            until(lambda: self.daemon.poll() is not None)
-            if is_replaced:
-                self.check(f"fusermount -u '{self.disk}'")
-                other.finish()
-                other_server.end(status=0)
-            self.ended(1)
-            self.assertNotEqual(reader.wait(), 0)
-            self.end_server()
+    def test_spares_a_disk_that_took_its_place(self):
+        self.serve()
+        self.mount()
+        self.freeze_in_a_request()
+        self.check(f"fusermount -u -z {self.disk}")
+        server = serve([STORAGE, self.tree], self.scratch + "/other_server")
+        disk = mount([VFS, server.url, "Other", "-f", self.disk], self.disk, self.scratch + "/other_disk")
+        self.send(signal.SIGINT, signal.SIGTERM)
+        self.daemon.finish(1, 30)
+        self.check(f"fusermount -u {self.disk}")
+        disk.finish()
+        server.end(status=0)
 
     # Two signals may have one cause: the loop has some time to end. If it does not, one signal is enough after some
     # more time. In the daemon with the fast clock, the first time is long and the second short.
     def test_grace_and_patience(self):
-        for signals, is_answered in ((2, True), (1, False)):
+        for *signals, is_answered in ((signal.SIGINT, signal.SIGTERM, True), (signal.SIGINT, False)):
             self.serve()
-            command = [word.replace(VFS, VFS + "_fast") for word in self.command(["-f"])]
-            self.daemon = mount(command, self.disk, self.disk)
+            self.mount(vfs=VFS + "_fast")
             self.freeze_in_a_request()
-            for way in (signal.SIGINT, signal.SIGTERM)[:signals]:
-                os.kill(self.daemon.pid, way)
+            self.send(*signals)
             if is_answered:
                 time.sleep(0.3)
                 self.assertIsNone(self.daemon.poll())
@@ -263,11 +254,16 @@ class MountTest(ServerTest):
             self.assertEqual("kelvane_vfs exiting" in text(self.disk + ".out"), is_answered)
             self.end_server()
 
-    def test_closed_streams(self):
+    # A trace that nobody reads, and no streams at all.
+    def test_streams(self):
         self.serve()
-        self.mount(["-f"], "sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh")
-        self.check(f"echo text >{self.disk}/file && cat {self.disk}/file", ("text\n", 0))
-        self.unmount()
+        os.mkfifo(self.disk + ".out")
+        for starter in ((), ("sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh")):
+            reader = os.open(self.disk + ".out", os.O_RDONLY | os.O_NONBLOCK)
+            self.mount(["-f"], *starter)
+            os.close(reader)
+            self.check(f"cd {self.disk} && echo text >file && cat file && ls", ("text\nfile\n", 0))
+            self.unmount()
 
     def test_what_is_wrong(self):
         shell(f"printf 'me:secret\\nreader:secret:ro\\n' >{self.scratch}/users; chmod 600 {self.scratch}/users")
@@ -335,15 +331,6 @@ class MountTest(ServerTest):
         os.kill(self.server.pid, signal.SIGCONT)
         self.assertEqual([client.wait() for client in waiting], [0] * 8)
         outer.end(status=0)
-        self.unmount()
-
-    def test_trace_that_nobody_reads(self):
-        self.serve()
-        os.mkfifo(self.disk + ".out")
-        reader = os.open(self.disk + ".out", os.O_RDONLY | os.O_NONBLOCK)
-        self.mount()
-        os.close(reader)
-        self.check(f"cd {self.disk} && echo text >file && cat file && ls", ("text\nfile\n", 0))
         self.unmount()
 
     def test_certificates(self):
