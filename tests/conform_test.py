@@ -37,7 +37,7 @@ BROKEN = [
     ("fault: a program is told that its data", "with opened(path, os.O_WRONLY)",
      "os.close(os.open(path, os.O_CREAT))\n    with opened(path, os.O_WRONLY)"),
     ("fault: eight writes to the same place at once are mixed", "pwrite(file.fileno(), body, ",
-     "pwrite(file.fileno(), body[:9999], __import__('time').sleep(1e-3) or "),
+     "pwrite(file.fileno(), body[:9999], __import__('time').sleep(__import__('random').random() / 50) or "),
     ("advice: a write that was broken off", "if len(body) < int(length)", "if False"),
     ("fault: s is 7, but the file has 4 bytes", 'os.truncate(path, int(query["offset"]))', "pass"),
     ("fault: missing: hc", 'os.mkdir(path) or (200, {"hc": 200})', "os.mkdir(path) or (200, {})"),
