@@ -90,8 +90,10 @@ apt-get install --no-install-recommends ${missing[*]}"
         root=(sudo)
     fi
     mkdir -p "$logs"
+    # Settings that somebody has changed stay as they are, without a question.
     # shellcheck disable=SC2016
-    local install='apt-get update -q && exec apt-get install -qy --no-install-recommends "$@"'
+    local install='apt-get update -q && exec apt-get install -qy --no-install-recommends \
+        -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "$@"'
     "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c "$install" sh "${missing[@]}" 2>&1 </dev/null |
         if [ -t 1 ]; then tee "$log"; else cat >"$log"; fi
     [ "${PIPESTATUS[0]}" -eq 0 ] ||
