@@ -2,9 +2,9 @@
 //   build/bench/kelvane_micro [--benchmark_filter=REGEX ...]
 // The trace goes to /dev/null, as it does with a daemon in the background.
 #include "cache/dir_entry.h"
-#include "cache/life.h"
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
+#include "cache/root.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/transport.h"
 #include "storage/json.h"

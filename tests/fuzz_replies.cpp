@@ -1,9 +1,9 @@
 // libFuzzer target: gives any reply to each of the daemon's calls that read one. A reply that ends the daemon through
 // abort() is allowed; everything else that goes wrong is a finding.
 #include "cache/dir_entry.h"
-#include "cache/life.h"
 #include "cache/refresh.h"
 #include "cache/remote_fetch.h"
+#include "cache/root.h"
 #include "cache/volume_statistics.h"
 #include "kelvane_vfs/protocol.h"
 #include "kelvane_vfs/reply_tree.h"

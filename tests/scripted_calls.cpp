@@ -1,7 +1,7 @@
 #include "tests/scripted_calls.h"
 
-#include "cache/life.h"
 #include "cache/path_lookup.h"
+#include "cache/root.h"
 #include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/transport.h"

@@ -1,9 +1,9 @@
 // The desktop's side of the sidebar registration, one file per platform.
 #pragma once
 
-// A pool for the temporary objects of the calling thread's platform calls, and its release.
-void* openTemporaryPool();
-void releaseTemporaryPool(void* pool);
+// The calling thread's autorelease pool, where the platform has one.
+void* openAutoreleasePool();
+void releaseAutoreleasePool(void* pool);
 
 // The current user's home directory as UTF-8, empty when it is not known; a heap string that the caller frees.
 char* homeDirectory();

@@ -7,11 +7,11 @@
 #include <unistd.h>
 #include <vector>
 
-void* openTemporaryPool() {
+void* openAutoreleasePool() {
     return nullptr;
 }
 
-void releaseTemporaryPool(void*) {}
+void releaseAutoreleasePool(void*) {}
 
 // From the password database, because the daemon does not use its environment.
 char* homeDirectory() {

@@ -7,11 +7,11 @@
 #import <CoreServices/CoreServices.h>
 #import <Foundation/Foundation.h>
 
-void* openTemporaryPool() {
+void* openAutoreleasePool() {
     return [[NSAutoreleasePool alloc] init];
 }
 
-void releaseTemporaryPool(void* pool) {
+void releaseAutoreleasePool(void* pool) {
     [static_cast<NSAutoreleasePool*>(pool) release];
 }
 

@@ -31,7 +31,7 @@ void* thread_main(void* diskName) {
 
 void inform(char* diskName) {
     std::fprintf(stderr, "informing finder to add disk to sidebar: %s\n", diskName);
-    void* pool = openTemporaryPool();
+    void* pool = openAutoreleasePool();
     char* path = pathFromDiskName(diskName);
     if (path == nullptr) {
         // The pool is left to the end of the thread.
@@ -40,7 +40,7 @@ void inform(char* diskName) {
     std::fprintf(stderr, "path: %s\n", path);
     insertFavouriteVolume(path);
     std::free(path);
-    releaseTemporaryPool(pool);
+    releaseAutoreleasePool(pool);
 }
 
 char* pathFromDiskName(char* diskName) {

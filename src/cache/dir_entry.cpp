@@ -8,9 +8,6 @@
 #include <cstring>
 #include <pthread.h>
 
-DirEntry* dirEntryTop = nullptr;
-int recordsInUse = 0;
-
 namespace {
 
 pthread_mutex_t mutex;

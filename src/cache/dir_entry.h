@@ -1,5 +1,5 @@
-// The cache's records: one for every file and directory that the daemon has learnt about, in a tree of hash tables
-// under one root. Everything here but the lock itself expects the caller to hold the lock.
+// The cache's records: one for every file and directory that the daemon has learnt about, in a tree of hash tables.
+// Everything here but the lock itself expects the caller to hold the lock.
 #pragma once
 
 #include <cstdint>
@@ -22,13 +22,6 @@ struct DirEntry {
     DirEntryXAttr* xattrs; // table of extended attributes; null when there are none
     UT_hash_handle hh;     // place in the parent's table
 };
-
-// The root; null before DirInit and after DirDestroy.
-extern DirEntry* dirEntryTop;
-
-// Counts the calling functions that hold a record across a request. A request rebuilds its path through the look-up,
-// which must not drop the tree that they use; an overdue drop then waits for the next look-up.
-extern int recordsInUse;
 
 // The cache's one lock. It is recursive: a request made under it asks the cache for the spelling of its path.
 // It exists from DirCreateLock to DirDestroyLock, which are for the start and the end of the cache.

@@ -1,6 +1,7 @@
 #include "cache/path_lookup.h"
 
 #include "cache/remote_fetch.h"
+#include "cache/root.h"
 #include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/not_null.h"
 
@@ -11,19 +12,9 @@
 
 namespace {
 
-constexpr time_t cacheLifetime = 60;
 // The limit of the kernel's FUSE module.
 constexpr std::size_t longestKernelName = 1024;
 constexpr std::size_t pathBufferSize = 2048;
-
-void dropCache() {
-    DirEntryFree(dirEntryTop);
-    dirEntryTop = nullptr;
-    struct stat st;
-    DirFetchRemoteAttr("/", &st);
-    dirEntryTop = DirEntryNew("/", directoryType, &st);
-    DirFetchRemoteDir("/", dirEntryTop);
-}
 
 bool isWithheld(const char* name) {
     return *name == '\0' || std::strchr(name, '/') != nullptr || std::strlen(name) > longestKernelName;
@@ -43,10 +34,7 @@ DirEntry* DirGetEntryUnlocked(const char* path) {
     }
     char* copy = notNull(strdup(path));
     char* walked = notNull(static_cast<char*>(std::malloc(std::strlen(path) + 2)));
-    if (recordsInUse == 0 && dirEntryTop->fetchTime != 0 &&
-        dirEntryTop->fetchTime + cacheLifetime < std::time(nullptr)) {
-        dropCache();
-    }
+    DirDropOverdue();
 
     DirEntry* current = dirEntryTop;
     char* end = stpcpy(walked, "/");

@@ -2,6 +2,7 @@
 
 #include "cache/path_lookup.h"
 #include "cache/remote_fetch.h"
+#include "cache/root.h"
 #include "kelvane_vfs/not_null.h"
 
 #include <cstdlib>

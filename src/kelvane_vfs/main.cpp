@@ -3,7 +3,7 @@
 #include "kelvane_vfs/not_null.h"
 #include "kelvane_vfs/operations.h"
 #include "kelvane_vfs/process.h"
-#include "kelvane_vfs/stop_path.h"
+#include "kelvane_vfs/shutdown.h"
 #include "kelvane_vfs/transport.h"
 
 #include <cstdio>

@@ -1,7 +1,7 @@
 #include "kelvane_vfs/operations.h"
 
-#include "cache/life.h"
-#include "kelvane_vfs/stop_path.h"
+#include "cache/root.h"
+#include "kelvane_vfs/shutdown.h"
 #include "kelvane_vfs/transport.h"
 
 namespace {

@@ -1,5 +1,5 @@
 // What exists once in a process: its globals, its standard descriptors, its environment and its end. `main`
-// sets the globals before the FUSE loop starts, except the pipe and the exit thread (stop_path), `exitCode` and
+// sets the globals before the FUSE loop starts, except the pipe and the exit thread (shutdown), `exitCode` and
 // `finderInformed`.
 #pragma once
 

@@ -15,12 +15,12 @@ struct alignas(std::max_align_t) Block {
     Block* before;
 };
 
-// The thread's blocks, the newest first, and what is left of the newest.
+// The thread's arena: its blocks, the newest first, and what is left of the newest.
 thread_local Block* blocks = nullptr;
 thread_local std::size_t room = 0;
 thread_local char* next = nullptr;
 
-void* takeFromBlock(std::size_t size) {
+void* takeFromArena(std::size_t size) {
     const std::size_t rounded = (size + alignof(std::max_align_t) - 1) & ~(alignof(std::max_align_t) - 1);
     if (rounded > room) {
         // A long string gets a block of its own size.
@@ -38,10 +38,10 @@ void* takeFromBlock(std::size_t size) {
     return taken;
 }
 
-void leaveInBlock(void*) {}
+void leaveInArena(void*) {}
 
 [[maybe_unused]] const bool hooksInstalled = [] {
-    cJSON_Hooks hooks = {takeFromBlock, leaveInBlock};
+    cJSON_Hooks hooks = {takeFromArena, leaveInArena};
     cJSON_InitHooks(&hooks);
     return true;
 }();

@@ -1,6 +1,5 @@
-// JSON replies as trees. A tree consists of some twenty small allocations for each entry of a listing, which are made
-// and released together, so they come out of blocks that belong to the thread and not from the heap one by one. cJSON's
-// hooks are for the whole process: all that it allocates anywhere comes out of these blocks.
+// JSON replies as trees. A tree is some twenty small allocations for each entry of a listing, all released together, so
+// each thread has an arena for its tree. cJSON's hooks are process-wide: all that it allocates comes from an arena.
 #pragma once
 
 #include <cjson/cJSON.h>
@@ -10,5 +9,5 @@
 // the process through abort().
 const cJSON* parseReply(const char* text);
 
-// Frees the memory of the thread's tree.
+// Frees the thread's arena.
 void releaseReply();

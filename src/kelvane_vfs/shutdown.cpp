@@ -1,4 +1,4 @@
-#include "kelvane_vfs/stop_path.h"
+#include "kelvane_vfs/shutdown.h"
 
 #include "kelvane_vfs/fuse_platform.h"
 #include "kelvane_vfs/process.h"
@@ -18,20 +18,19 @@ namespace {
 // The process that the exit thread lives in; 0 while there is no pipe for it to wait on.
 pid_t exitThreadProcess = 0;
 
-// The pipe from the signal handler to the guard.
-int guardPipe[2] = {-1, -1};
+// The self-pipe from the signal handler to the watchdog.
+int watchdogPipe[2] = {-1, -1};
 
 // Two signals may have one cause (a terminal that closes, a script that passes an interrupt on), so the loop still has
 // this long to end.
 constexpr int graceMilliseconds = 500;
 constexpr int patienceMilliseconds = 30'000;
 
-// Handlers that are still printing: the exit thread lets them finish, so that the lines come in their order.
+// Handlers that still print: the exit thread lets them finish, so that the lines come in their order.
 std::atomic<int> handlersRunning{0};
 constexpr timespec shortPause = {0, 100'000};
 
-// printf for the signal handler: the handler may have interrupted a printf on this very thread, so the line
-// goes to the descriptor and not through the half-updated stream.
+// printf for the signal handler, past the stream: the handler may have interrupted a printf on this very thread.
 void printInHandler(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
 void printInHandler(const char* format, ...) {
@@ -61,30 +60,30 @@ int createExitThread() {
     _exit(1);
 }
 
-void* guardStop(void*) {
+void* watchdogFunction(void*) {
     char byte = 0;
-    if (read(guardPipe[0], &byte, 1) == 1) {
+    if (read(watchdogPipe[0], &byte, 1) == 1) {
         poll(nullptr, 0, graceMilliseconds);
-        pollfd second = {guardPipe[0], POLLIN, 0};
+        pollfd second = {watchdogPipe[0], POLLIN, 0};
         poll(&second, 1, patienceMilliseconds - graceMilliseconds);
     }
     endAtOnce();
 }
 
-// The guard takes no signal: a handler that prints to a reader who has stopped reading would block it.
-int createGuard() {
-    if (pipe(guardPipe) != 0) {
+// The watchdog takes no signal: a handler that prints to a reader who has stopped reading would block it.
+int createWatchdog() {
+    if (pipe(watchdogPipe) != 0) {
         return errno;
     }
     sigset_t all;
     sigset_t before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    pthread_t guard = {};
-    const int created = pthread_create(&guard, nullptr, guardStop, nullptr);
+    pthread_t watchdog = {};
+    const int created = pthread_create(&watchdog, nullptr, watchdogFunction, nullptr);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     if (created == 0) {
-        pthread_detach(guard);
+        pthread_detach(watchdog);
     }
     return created;
 }
@@ -114,8 +113,8 @@ void prepareToStop() {
             endAtOnce();
         }
     }
-    if (const int failure = createGuard(); failure != 0) {
-        std::fprintf(stderr, "no guard of the stop: %s\n", std::strerror(failure));
+    if (const int failure = createWatchdog(); failure != 0) {
+        std::fprintf(stderr, "no watchdog of the stop: %s\n", std::strerror(failure));
     }
 }
 
@@ -134,7 +133,7 @@ void handleSignal(int signal) {
     const int savedErrno = errno;
     const char byte = 0;
     // First, because printing may block.
-    [[maybe_unused]] const ssize_t guardTold = write(guardPipe[1], &byte, 1);
+    [[maybe_unused]] const ssize_t told = write(watchdogPipe[1], &byte, 1);
     ++handlersRunning;
     printInHandler("handleSignal: %d\n", signal);
     printInHandler("stopping fuse for mount point %s\n", mountPoint);
