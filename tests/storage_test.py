@@ -1,6 +1,18 @@
 """The server as its clients see it: requests over sockets, replies, and what is on disk then."""
-import base64, contextlib, os, re, resource, select, signal, socket, ssl, threading, urllib.parse
-from programs import STORAGE, TOP, ServerTest, shell, text, until
+import base64
+import contextlib
+import fcntl
+import os
+import re
+import resource
+import select
+import signal
+import socket
+import ssl
+import threading
+import urllib.parse
+
+from programs import STORAGE, TOP, ServerTest, shell, start, text, until
 
 DECOMPOSED = "e\xcc\x81"
 COMMON = "\nCache-Control: no-store\nX-Content-Type-Options: nosniff"
@@ -12,11 +24,14 @@ MOST = "x" * (1 << 20)
 LONGEST = "%61" * 2047
 HIDDEN = "GET $/hidden?action=create" + RAW + "\r\n"
 
-ANN, BOB, WRONG, NOBODY = ("Authorization: Basic " + base64.b64encode(user).decode()
-                        for user in (b"ann:pass word", b"bob:b", b"ann:pass wor", b"eve:pass word"))
+ANN, BOB, *WRONG = ("Authorization: Basic " + base64.b64encode(user).decode() for user in (
+    b"ann:pass word", b"bob:b", b"ann:pass wor", b"ann:pass worD", b"ann:", b"bob:a", b"eve:pass word", b"ann", b":"))
+HASH = "$6$salt$b4OMXUA.wvvMVIyQE2OThWpPNZMfZrfCzzjSOkvomntFDpEiUWQvSH2VPmgc.YqCi.ORpdOTtsN5zY27Gfouo1"  # pass word
+
 
 def as_host(*hosts):
     return [f"GET $/d/in?action=props HTTP/1.1\r\nHost: {host}\r\n{ANN}\r\nConnection: close\r\n\r\n" for host in hosts]
+
 
 # The same for every client and every way to start the server: requests of web pages, and names that lead to the server.
 ACCESS = [
@@ -26,7 +41,8 @@ ACCESS = [
      "d/in=content"),
     ("421 ", [f"GET http://{host}$/d/in?action=unlink\n{ANN}" for host in
               ("evil.example", "127.0.0.1@evil.example", "")], "d/in=content"),
-    ("421 ", as_host("evil.example", "localhost.evil.example", "127.0.0.1.evil.example:80", "1.2.3", "[::1", "")),
+    ("421 ", as_host("evil.example", "localhost.evil.example", "evildisk.example", "127.0.0.1.evil.example:80", "1.2.3",
+                     "[::1", "", "evil.example\r\nHost: localhost")),
     ("200 *", as_host("LocalHost:1", "10.0.0.1", "[fe80::1]:80", "disk.example.:8080")),
     ("200 content", [f"/d/in\nSec-Fetch-Site: none\n{ANN}", f"GET http://disk.example$/d/in\n{ANN}"]),
     ("404 ", [f"{line}\n{ANN}" for line in ("GET /", "GET /d/in?action=unlink", "GET $", "GET $~/d/in", "GET /~$/d/in",
@@ -54,7 +70,8 @@ SECTIONS = {
                   "/a.txt?action=truncate", "/a.txt?action=truncate&offset=-1", "/a.txt?action=truncate&offset=1x",
                   "/a.txt?action=rename", "/a.txt?action=rename&to=%2F..", "/%FF?action=mkdir",
                   "/new?action=create&mode=99999999999", "/d?action=rename&to=d%2Fbelow&replace=1",
-                  "/a.txt?action=rename&to=%FF&replace=1", "/%FF?action=create&mode=33188"], "a.txt=content"),
+                  "/a.txt?action=rename&to=%FF&replace=1", "/%FF?action=create&mode=33188",
+                  "/a.txt?action=props&action=unlink", "/a.txt?action=truncate&offset=9&offset=0"], "a.txt=content"),
         ("405 ", ["POST $/a.txt\n\nx", "DELETE $/a.txt", "HEAD $/a.txt?action=unlink", "PUT $/a.txt\n\nx",
                   "/a.txt?action=write&flags=1&offset=0"], "a.txt=content"),
         # Parts of files.
@@ -65,7 +82,8 @@ SECTIONS = {
                          ("bytes=5-2", "bytes=1-2,4-5", "lines=1-2", "bytes=0-18446744073709551616")]),
         # What is not shown or not there, and what is no file.
         ("404 ", ["/out", "/absolute/passwd", "/loop", "/out?action=unlink", "/a.txt/x", PUT + "0\n\nx",
-                  "/a.txt?action=rmdir", "/out?action=rename&to=stolen&replace=1", "/odd/bad%FF/x"], "stolen"),
+                  "/a.txt?action=rmdir", "/out?action=rename&to=stolen&replace=1", "/odd/bad%FF/x",
+                  "/odd/socket?action=props", "/odd/socket?action=unlink"], "stolen"),
         ("403 ", ["/pipe", "PUT $/pipe?action=write&flags=1&offset=0\n\nx", "/pipe?action=truncate&offset=0",
                   "/d?action=truncate&offset=2", "/?action=unlink", "/?action=rename&to=x&replace=1",
                   "/?action=create&mode=1"], "x"),
@@ -75,7 +93,9 @@ SECTIONS = {
         ("400 *", [f"{PUT}0 HTTP/1.1\r\nHost: @\r\n{headers}\r\n\r\n{begin}{HIDDEN}" for headers, begin in (
             ("Content-Length: 0\r\nContent-Length: 9", ""),
             ("Content-Length: 0\r\nTransfer-Encoding: chunked", "0\r\n\r\n"), ("Transfer-Encoding : chunked", ""),
-            ("Transfer-Encoding:\r\n chunked", ""))], "hidden"),
+            ("Transfer-Encoding:\r\n chunked", ""))] +
+         [f"{PUT}0 HTTP/1.0\r\nHost: @\r\nConnection: keep-alive\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n" +
+          HIDDEN], "hidden"),
         # Contents.
         ("204 ", ["/plain?action=create", "/new?action=create&mode=33206"], "new="),
         ('200 {"s":0,"b":0,"m":33188,*', ["/plain?action=props"]),
@@ -111,14 +131,18 @@ SECTIONS = {
     "--host disk.example": ACCESS,
     "--host disk.example --log {0}/log --users {0}/users": ACCESS + [
         ('401 \nWWW-Authenticate: Basic realm="kelvane_storage"', [
-            f"{line}\n{user}" for user in (WRONG, NOBODY, "X: y") for line in
+            f"{line}\n{user}" for user in (*WRONG, "X: y") for line in
             ("/d/in", "/a.txt?action=what", "/new?action=create&mode=33188", "/pipe", "POST $/")], "new"),
         ("200 content", ["/d/in\n" + user.replace("Basic", how) for user in (ANN, BOB) for how in ("Basic", "basic ")]),
         ("403 ", [f"/new?action=create&mode=33188\n{BOB}", f"PUT $/a.txt?action=write&flags=1&offset=0\n{BOB}\n\nx"],
          "new", "a.txt=content"),
+        ("404 ", [f"/a%0Ab\n{ANN}"]),
         ("204 ", [f"/new%20?action=create&mode=33188\n{ANN}"], "new =")],
     "--no-secret --users {0}/users": [("401 ", ["/d/in"]), ("200 content", [f"GET /d/in\n{ANN}"])],
+    "--read-only --users {0}/users": [
+        ("403 ", [f"/new?action=create\n{ANN}", f"/a.txt?action=unlink\n{ANN}"], "new", "a.txt=content")],
 }
+
 
 # Compares a reply with what a row shows; returns None, or what differs.
 def difference(shown, reply):
@@ -128,6 +152,7 @@ def difference(shown, reply):
     is_same = re.fullmatch(pattern, head[9:13] + body, re.DOTALL) and set(headers) <= set(head.split("\r\n"))
     return None if is_same else f"{shown[:500]}\n{reply[:500]}"
 
+
 class StorageTest(ServerTest):
     def setUp(self):
         super().setUp()
@@ -136,8 +161,10 @@ class StorageTest(ServerTest):
             printf secret >../outside/secret && ln -s ../outside/secret out && ln -s /etc absolute && ln -s loop loop &&
             ln -s d/in link && ln -s ../out odd && ln -s ../d/in odd/$'"\\\037' && touch -m -d @1 a.txt &&
             touch -a -d @2 a.txt && printf 'hello, world' >notes/hello.txt && cd .. &&
-            printf '# who\nann:pass word\n\nbob:b:ro\n' >users && echo bad >bad && touch others &&
+            printf '# who\nann:{HASH}\n\nbob:b:ro\n' >users && echo bad >bad && touch others &&
             chmod 600 users bad && chmod 604 others""")
+        with socket.socket(socket.AF_UNIX) as hidden:
+            hidden.bind(self.tree + "/odd/socket")
 
     def bytes_of(self, request):
         request = ("GET $" if request.startswith("/") else "") + request
@@ -205,12 +232,14 @@ class StorageTest(ServerTest):
         self.section("--host disk.example")
 
     def test_access_of_users(self):
-        self.section("--no-secret --users {0}/users")
-        self.end_server()
+        for arguments in ("--no-secret --users {0}/users", "--read-only --users {0}/users"):
+            self.section(arguments)
+            self.end_server()
         self.section("--host disk.example --log {0}/log --users {0}/users")
         log = text(self.scratch + "/log")
         self.assertRegex(log, r"Z 127.0.0.1 bob create /new 403 0\n(.*\n)*\S+Z 127.0.0.1 ann create /new%20 204 0\n$")
         self.assertRegex(log, r"\n\S+Z 127.0.0.1 - - - 401 0\n")
+        self.assertRegex(log, r"\A(20\S+Z [\d.]+ \S+ (- -|[a-z]+ /[\w%./-]*) \d+ \d+( /\S+)?\n)+\Z")
         for hidden in (urllib.parse.urlsplit(self.url).path.strip("/"), "pass", BOB[-4:], "evil"):
             self.assertNotIn(hidden, log)
 
@@ -220,6 +249,7 @@ class StorageTest(ServerTest):
             self.make_certificate()
             self.check(f"echo {user}:pass >{self.scratch}/users")
             return "\nAuthorization: Basic " + base64.b64encode(user.encode() + b":pass").decode()
+
         def reload(answer):
             open(self.scratch + "/server.err", "w").close()
             self.server.send_signal(signal.SIGHUP)
@@ -239,8 +269,19 @@ class StorageTest(ServerTest):
         self.expect("401 ", "/d/in" + one)
         self.expect("200 content", "/d/in" + two)
         until(lambda: "two read /d/in 200 7\n" in text(self.scratch + "/log"))
-        self.check(f"chmod 604 {self.scratch}/key")
-        self.assertEqual(reload("others can read it"), after)
+        self.check(f"chmod 604 {self.scratch}/key; echo ann: >{self.scratch}/users")
+        self.assertEqual(reload("except for"), after)
+        self.assertRegex(text(self.scratch + "/server.err"), "others can read it; .*line 1 is not NAME:PASSWORD")
+        self.expect("401 ")
+        renew("three")
+        self.check(f"cd {self.scratch} && openssl genpkey -algorithm ed25519 -out key && chmod 600 key")
+        self.assertEqual(reload("cert and "), after)
+        old = ssl._create_unverified_context()
+        old.set_ciphers("ALL:@SECLEVEL=0")
+        old.minimum_version, old.maximum_version = ssl.TLSVersion.TLSv1, ssl.TLSVersion.TLSv1_1
+        url = urllib.parse.urlsplit(self.url)
+        with self.assertRaises(OSError), socket.create_connection((url.hostname, url.port)) as connection:
+            old.wrap_socket(connection)
         self.assertEqual((begin + self.rest(running)).partition("\r\n\r\n")[2], text(self.tree + "/big"))
 
     # The conversation of the protocol page, with this server and with the page's example of one.
@@ -265,16 +306,16 @@ class StorageTest(ServerTest):
         self.serve()
         self.expect("204 ", "/new?action=create&mode=33188")
         before = self.descriptors()
-        for start in ("GET $/", "GET $/d/in HTTP/1.1\r\nX: "):
-            self.assertRegex(self.ask(start + MOST + RAW + "\r\n"), "^(HTTP/1.1 4|$)")
+        for begin in ("GET $/", "GET $/d/in HTTP/1.1\r\nX: "):
+            self.assertRegex(self.ask(begin + MOST + RAW + "\r\n"), "^(HTTP/1.1 4|$)")
         for _ in range(10):
             connection = self.upload("new", 9)
             connection.sendall(b"half")  # these last bytes and the end come together
             connection.close()
         until(lambda: self.descriptors() <= before)
         self.assertEqual(text(self.tree + "/new"), "")
-        for start in (b"\0" * 1000, b"half a requ"):
-            self.connection(start).close()
+        for begin in (b"\0" * 1000, b"half a requ"):
+            self.connection(begin).close()
         os.rename(self.tree, self.scratch + "/moved")
         self.expect("200 content")
 
@@ -299,11 +340,16 @@ class StorageTest(ServerTest):
         self.assertEqual(text(self.tree + "/full/x"), "hello, world")
         # A server that was told to stop waits for the upload.
         upload = self.upload("a.txt", 4)
+        kept = self.connection(self.bytes_of("GET $/full/x HTTP/1.1\r\nHost: @\r\n\r\n"))
+        kept.recv(1000)
         self.server.terminate()
         with contextlib.suppress(ConnectionError):
             while True:
                 self.connection().close()
+        kept.sendall(self.bytes_of("/full/x?action=unlink"))
+        self.assertEqual(self.rest(kept), "")
         self.finish(upload, b"last", '200 {"s":7,*')
+        self.assertTrue(os.path.exists(self.tree + "/full/x"))
         self.assertEqual(text(self.tree + "/a.txt"), "lastent")
 
     # What is no regular file is not even opened, and the kernel's own files are not written.
@@ -315,6 +361,11 @@ class StorageTest(ServerTest):
         self.expect("403 ", "PUT $/pipe?action=write&flags=1&offset=0\n\nx")
         self.assertEqual(select.select([reader], [], [], 0)[0], [])
         os.close(reader)
+        # A lease of another program is waited for.
+        with open(self.tree + "/a.txt") as leased:
+            signal.signal(signal.SIGIO, lambda *_: fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_UNLCK))
+            fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_RDLCK)
+            self.expect('200 {"s":7,*', "PUT $/a.txt?action=write&flags=1&offset=0\n\nC")
         self.end_server()
         self.tree = "/proc"
         self.serve()
@@ -323,9 +374,50 @@ class StorageTest(ServerTest):
 
     def test_crowd(self):
         self.serve("prlimit", "--nofile=60", STORAGE)
-        for _ in range(12):
-            self.connection(b"GET")
-        self.expect("200 content")
+        for _ in range(5):
+            for _ in range(12):
+                self.connection(b"GET")
+            self.expect("200 content")
+        self.assertEqual(text(self.scratch + "/server.err").count("clients have to wait"), 1)
+        # Where strangers come, one address gets half of the connections.
+        self.end_server()
+        self.make_certificate()
+        options = "--listen 0.0.0.0 --host 127.0.0.1 --tls-cert {0}/cert --tls-key {0}/key".format(self.scratch)
+        self.serve("prlimit", "--nofile=60", STORAGE, *options.split())
+        address = ("127.0.0.1", urllib.parse.urlsplit(self.url).port)
+        connections = [socket.create_connection(address) for _ in range(5)]
+        for connection in connections:
+            self.addCleanup(connection.close)
+        self.assertEqual(connections[4].recv(1), b"")
+
+    # A socket of the service manager: it hears when the server is ready, and no connection is refused meanwhile.
+    def test_service_manager(self):
+        with socket.socket(socket.AF_UNIX) as listener, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
+            listener.bind(self.scratch + "/listener")
+            listener.listen()
+            manager.bind(self.scratch + "/manager")
+            for _ in range(2):
+                client = socket.socket(socket.AF_UNIX)
+                self.addCleanup(client.close)
+                client.connect(self.scratch + "/listener")
+                self.server = start(["bash", "-c", f"exec 3<&{listener.fileno()}; LISTEN_FDS=1 LISTEN_PID=$$ "
+                                     f"NOTIFY_SOCKET={self.scratch}/manager exec {STORAGE} --no-secret {self.tree}"],
+                                    self.scratch + "/server", pass_fds=[listener.fileno()])
+                self.assertEqual(manager.recv(99), b"READY=1")
+                self.assertEqual(text(self.scratch + "/server.out"), f"http://unix:{self.scratch}/listener:/\n")
+                client.sendall(b"GET /d/in HTTP/1.1\r\nHost: localhost\r\n\r\n")
+                begin = client.recv(1).decode()
+                self.server.terminate()
+                self.assertIsNone(difference("200 content", begin + self.rest(client)))
+                self.end_server()
+
+    # The memory of bodies is given back.
+    def test_memory(self):
+        self.serve()
+        for _ in range(1100):
+            self.expect("206 *", "/big\nRange: bytes=0-262143")
+        for _ in range(270):
+            self.expect('200 {"s":1048576,*', "PUT $/d/in?action=write&flags=1&offset=0\n\n" + MOST)
 
     def test_shortages(self):
         self.serve("prlimit", "--nofile=200:4096", "--fsize=50000000", STORAGE)
@@ -335,6 +427,7 @@ class StorageTest(ServerTest):
         connections = [self.connection(self.bytes_of("/d/in")[:9]) for _ in range(300)]
         until(lambda: self.descriptors() > len(connections))
         self.expect("200 content")
+
         # No descriptor is left to open the file with; later there are descriptors again.
         def is_starved():
             resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (self.descriptors() + 1, 4096))
@@ -347,6 +440,7 @@ class StorageTest(ServerTest):
     def test_link_that_is_being_changed(self):
         self.serve()
         replies = []
+
         def change():
             while len(replies) < 200 or len(set(replies)) < 2:
                 for target in ("d", "../outside"):
