@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <new>
 #include <sys/socket.h>
 
 namespace {
@@ -47,7 +48,7 @@ ssize_t sendStream(void* context, std::uint64_t position, char* buffer, std::siz
     return count > 0 ? count : breakOff(reply);
 }
 
-ssize_t sendListing(void* context, std::uint64_t, char* buffer, std::size_t size) {
+ssize_t sendListing(void* context, std::uint64_t, char* buffer, std::size_t size) try {
     auto& reply = *static_cast<Reply*>(context);
     auto& listing = std::get<Listing>(reply.body);
     if (listing.taken == listing.text.size()) {
@@ -63,6 +64,8 @@ ssize_t sendListing(void* context, std::uint64_t, char* buffer, std::size_t size
     listing.taken += count;
     reply.length += count;
     return static_cast<ssize_t>(count);
+} catch (const std::bad_alloc&) {
+    return breakOff(*static_cast<const Reply*>(context));
 }
 
 MHD_Response* fromBytes(std::uint64_t size, const char* bytes) {
@@ -70,7 +73,8 @@ MHD_Response* fromBytes(std::uint64_t size, const char* bytes) {
 }
 
 MHD_Response* inParts(Reply& reply, std::uint64_t length, MHD_ContentReaderCallback callback) {
-    return MHD_create_response_from_callback(length, partSize, callback, &reply, nullptr);
+    return MHD_create_response_from_callback(length, std::min<std::uint64_t>(length, partSize), callback, &reply,
+                                             nullptr);
 }
 
 MHD_Response* responseFor(Reply& reply) {

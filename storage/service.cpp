@@ -100,7 +100,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     auto* exchange = static_cast<Exchange*>(*context);
     const std::string_view piece(data, std::exchange(*size, 0));
     if (exchange == nullptr) {
-        Reply reply;
+        thread_local Reply reply; // the thread is the connection's
         return sendShortage(connection, reply);
     }
     const bool isLast = exchange->hasBegun && piece.empty();
