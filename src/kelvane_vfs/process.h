@@ -37,9 +37,6 @@ extern int finderInformed;
 // their numbers. Called first.
 void openStandardDescriptors();
 
-// Allows as many descriptors as the system does: a thread that serves a request needs three.
-void raiseDescriptorLimit();
-
 // Empties the environment, where the libraries would look for proxies, certificates, name servers, stack sizes and
 // more: what the daemon does depends on its command line alone. Called before the first thread is made.
 void forgetEnvironment();

@@ -37,17 +37,33 @@ bool knowsAuthorityDirectory() {
 // The server's authority was found in the bundle only.
 std::atomic<bool> needsBundle{false};
 
-// Performs the handle's request. What the directory does not verify, and nothing but the handshake has happened then,
-// the bundle may: an administrator may have replaced only the bundle, or may be renewing the directory.
-CURLcode perform(CURL* handle) {
-    const CURLcode result = curl_easy_perform(handle);
-    if (result != CURLE_PEER_FAILED_VERIFICATION || !knowsAuthorityDirectory()) {
-        return result;
+// The server closed a kept connection just when the request came. libcurl repeats such requests itself, but not when it
+// notices while it sends the body, and every sixth time of a handle it gives up.
+bool isClosedUnderRequest(CURL* handle, CURLcode result) {
+    long newConnections = 0;
+    long replied = 0;
+    curl_easy_getinfo(handle, CURLINFO_NUM_CONNECTS, &newConnections);
+    curl_easy_getinfo(handle, CURLINFO_HEADER_SIZE, &replied);
+    const bool isBroken = result == CURLE_SEND_ERROR || result == CURLE_RECV_ERROR || result == CURLE_HTTP2;
+    return isBroken && newConnections == 0 && replied == 0;
+}
+
+// Performs the handle's request, whose body is `source`. What the directory does not verify, and nothing but the
+// handshake has happened then, the bundle may: an administrator may have replaced only the bundle, or may be renewing
+// the directory.
+CURLcode perform(CURL* handle, UploadSource& source) {
+    CURLcode result = curl_easy_perform(handle);
+    if (isClosedUnderRequest(handle, result)) {
+        source.position = 0;
+        result = curl_easy_perform(handle);
     }
-    curl_easy_setopt(handle, CURLOPT_CAINFO, curl_version_info(CURLVERSION_NOW)->cainfo);
-    const CURLcode second = curl_easy_perform(handle);
-    needsBundle = needsBundle || second == CURLE_OK;
-    return second;
+    if (result == CURLE_PEER_FAILED_VERIFICATION && knowsAuthorityDirectory()) {
+        curl_easy_setopt(handle, CURLOPT_CAINFO, curl_version_info(CURLVERSION_NOW)->cainfo);
+        source.position = 0;
+        result = curl_easy_perform(handle);
+        needsBundle = needsBundle || result == CURLE_OK;
+    }
+    return result;
 }
 
 // The URL of a request, on the heap: nothing stands between the base URL and the encoded path.
@@ -176,7 +192,8 @@ char* getURL(const char* path, const char* query, std::size_t* received, char* h
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
-    const CURLcode result = perform(handle);
+    UploadSource nothing = {};
+    const CURLcode result = perform(handle, nothing);
     if (result != CURLE_OK) {
         std::printf("CURL error: %s\n", curl_easy_strerror(result));
         endProcess(1);
@@ -213,7 +230,7 @@ char* postURL(const char* path, const char* query, const void* data, std::size_t
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, WriteMemoryCallback);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &reply);
 
-    const CURLcode result = perform(handle);
+    const CURLcode result = perform(handle, source);
     // The buffer and the source live only as long as this call, the handle longer.
     curl_easy_setopt(handle, CURLOPT_ERRORBUFFER, nullptr);
     curl_easy_setopt(handle, CURLOPT_SEEKFUNCTION, nullptr);
