@@ -14,8 +14,8 @@ void platformBeforeLoop();
 void platformLoopStarts(struct fuse_conn_info* conn);
 
 // Called from the init callback: lets the kernel read ahead of programs as far as a server needs whose replies take
-// `roundTrip` seconds. Changes nothing where the server is near, where one request at a time is served, where this user
-// is not allowed to, and on macOS.
+// `roundTrip` seconds. Where this user is not allowed to, it tries again for half a minute, on a thread of its own.
+// Changes nothing where the server is near, where one request at a time is served, and on macOS.
 void platformFitReadAhead(struct fuse_conn_info* conn, double roundTrip);
 
 // Called from the destroy callback, when the loop has ended and the FUSE handle is about to be freed. Ignores SIGPIPE

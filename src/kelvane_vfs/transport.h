@@ -57,7 +57,8 @@ char* encodedServicePath(const char* path);
 
 // GET of the base URL, the encoded service spelling of `path` and, if not null, "?" and `query`. `headers` is
 // null or extra header lines separated by "\n", which are cut apart in place. `received` (body bytes) and
-// `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it.
+// `status` (HTTP) may be null. Returns the body, terminated by a NUL; the caller frees it. Its name is not mangled, so
+// that a test can take its place when it is linked.
 extern "C" char* getURL(const char* path, const char* query, std::size_t* received, char* headers, long* status);
 
 // PUT of `length` bytes at `data` to the same kind of URL. The order of the results differs: `status` comes first.
