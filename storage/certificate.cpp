@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <iterator>
+#include <list>
 
 namespace {
 
@@ -16,6 +17,7 @@ struct Certificate {
 
 // A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
 // few kilobytes.
+std::list<Certificate>& certificates = *new std::list<Certificate>;
 std::atomic<Certificate*> current;
 
 // 0, or a negative number of the TLS library, for example when the key is that of another certificate.
@@ -48,7 +50,7 @@ std::string readCertificate(const std::string& certificateFile, const std::strin
     if (!error.empty()) {
         return error;
     }
-    auto* certificate = new Certificate;
+    Certificate* certificate = &certificates.emplace_back();
     if (const int result = import(dataOf(chain), dataOf(key), *certificate); result < 0) {
         return certificateFile + " and " + keyFile + ": " + gnutls_strerror(result);
     }
