@@ -10,9 +10,9 @@ extern "C" int LLVMFuzzerTestOneInput(const char* data, std::size_t size) {
                                         header = text.substr(std::min(size, line.size() + 1));
     Target target;
     const bool accepted = parseTarget(line, size % 2 == 0 ? "/" : "/base", target) == 0;
-    const std::string paths = "/" + target.path + "/\n/" + target.to + "/";
+    const std::string paths = "/" + target.path + "/\n/" + target.to.value_or("") + "/";
     const auto holds = [&](const std::string& part) { return paths.find(part) != std::string::npos; };
-    if (accepted && (holds("/../") || holds("/./") || holds(std::string(1, '\0')) || target.offset < 0)) {
+    if (accepted && (holds("/../") || holds("/./") || holds(std::string(1, '\0')) || target.offset.value_or(0) < 0)) {
         std::abort();
     }
     Range range = {};
