@@ -60,7 +60,7 @@ struct AnswerTest : testing::Test {
     void SetUp() override {
         std::filesystem::create_directories(tree + "/d");
         std::ofstream(tree + "/f") << "content";
-        std::ofstream(tree + "/bad");
+        std::ofstream(tree + "/bad") << "";
         syncs = 0;
         failingCall = "none";
         ASSERT_EQ(openTree(tree.c_str(), true), 0);
