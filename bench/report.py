@@ -53,7 +53,7 @@ class Comparison:
 
     @property
     def place(self) -> str:
-        return (f"{self.rtt:g} ms away" if self.rtt else "near") + (", HTTPS" if self.tls else "")
+        return (f"{self.rtt:g} ms away" if self.rtt else "near") + (", HTTPS" if self.tls else ", HTTP")
 
     def results(self, metric: str, system: str) -> dict[int, Result]:
         """By the number of the turn."""
@@ -124,7 +124,7 @@ def usage_table(comparison: Comparison, systems: list[str]) -> str:
 
 
 def notes(comparison: Comparison) -> str:
-    lines = [f"{comparison.date}: {comparison.machine}; {comparison.rounds} rounds.",
+    lines = [f"{comparison.place}, {comparison.date}, rounds: {comparison.rounds}. {comparison.machine}.",
              "Medians (smallest–largest); in bold the ratio to the daemon, above 1 where the daemon is faster. "
              "\\*: not everything was on the server when the last call returned."]
     if not comparison.dropped:
