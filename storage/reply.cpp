@@ -56,7 +56,7 @@ ssize_t sendListing(void* context, std::uint64_t, char* buffer, std::size_t size
             return MHD_CONTENT_READER_END_OF_STREAM;
         }
         if (const int error = continueListing(listing); error != 0) {
-            report(statusOf(error), std::strerror(-error));
+            report(isFailure(error) ? statusOf(error) : MHD_HTTP_INTERNAL_SERVER_ERROR, std::strerror(-error));
             return breakOff(reply);
         }
     }
