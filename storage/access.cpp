@@ -65,8 +65,8 @@ unsigned admit(const RequestHead& head, const Options& options, Request& request
     const bool isBasic = isSameName(credentials.substr(0, scheme.size()), scheme);
     credentials.remove_prefix(isBasic ? std::min(credentials.find_first_not_of(' ', scheme.size()), credentials.size())
                                       : credentials.size());
-    if (!isUser(credentials, request.user, request.readOnly)) {
-        return MHD_HTTP_UNAUTHORIZED;
+    if (const unsigned status = checkUser(credentials, request.user, request.readOnly); status != 0) {
+        return status;
     }
     request.readOnly |= options.readOnly;
     return 0;

@@ -116,7 +116,6 @@ MHD_Result send(MHD_Connection* connection, Reply& reply) {
 }
 
 MHD_Result sendShortage(MHD_Connection* connection, Reply& reply) {
-    report(MHD_HTTP_SERVICE_UNAVAILABLE, std::strerror(ENOMEM));
     const char* action = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "action");
     reply = {.status = MHD_HTTP_SERVICE_UNAVAILABLE};
     if (action == nullptr || action == nameOf(Action::props)) {

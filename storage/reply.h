@@ -47,5 +47,5 @@ struct Reply {
 // request handler has to return.
 MHD_Result send(MHD_Connection* connection, Reply& reply);
 
-// Like `send` for a request that fails for lack of memory, of which perhaps only the query is known.
+// Like `send` for a request that gets 503, of which perhaps only the query is known.
 MHD_Result sendShortage(MHD_Connection* connection, Reply& reply);

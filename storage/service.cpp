@@ -4,8 +4,10 @@
 #include "storage/certificate.h"
 #include "storage/connections.h"
 #include "storage/request_log.h"
+#include "storage/trouble.h"
 
 #include <atomic>
+#include <cerrno>
 #include <chrono>
 #include <climits>
 #include <cstring>
@@ -100,6 +102,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     auto* exchange = static_cast<Exchange*>(*context);
     const std::string_view piece(data, std::exchange(*size, 0));
     if (exchange == nullptr) {
+        report(MHD_HTTP_SERVICE_UNAVAILABLE, std::strerror(ENOMEM));
         thread_local Reply reply; // the thread is the connection's
         return sendShortage(connection, reply);
     }
@@ -113,6 +116,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
         }
         takeBody(exchange->request, piece);
     } catch (const std::bad_alloc&) {
+        report(MHD_HTTP_SERVICE_UNAVAILABLE, std::strerror(ENOMEM));
         exchange->request = Request();
         exchange->request.refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
     }

@@ -5,12 +5,15 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <crypt.h>
 #include <gnutls/crypto.h>
 #include <gnutls/gnutls.h>
 #include <map>
 #include <memory>
+#include <microhttpd.h>
 #include <mutex>
+#include <optional>
 
 namespace {
 
@@ -26,6 +29,16 @@ struct User {
 std::mutex usersMutex;
 std::map<std::string, User> users; // guarded by usersMutex; empty where nobody needs a name
 std::mutex hashingMutex;           // one at a time: strangers can ask for it, and it takes megabytes
+std::atomic<unsigned> turns = 0;
+constexpr unsigned mostTurns = 256; // more requests with wrong passwords would take all connections
+
+// Of a request that waits for hashingMutex or has it.
+struct Turn {
+    const unsigned number = ++turns;
+    ~Turn() {
+        --turns;
+    }
+};
 
 Digest digestOf(std::string_view password) {
     static const Digest key = [] {
@@ -121,16 +134,17 @@ std::string readUsers(const std::string& file) {
     return "";
 }
 
-bool isUser(std::string_view credentials, std::string& user, bool& readOnly) {
+unsigned checkUser(std::string_view credentials, std::string& user, bool& readOnly) {
     std::string name;
     std::string password;
     const bool isDecoded = decode(credentials, name, password);
     const Digest digest = digestOf(password);
     std::unique_lock hashing(hashingMutex, std::defer_lock);
+    std::optional<Turn> turn;
     for (;;) {
         std::unique_lock lock(usersMutex);
         if (users.empty() || !isDecoded) {
-            return users.empty();
+            return users.empty() ? 0 : MHD_HTTP_UNAUTHORIZED;
         }
         const auto found = users.find(name);
         const bool isThere = found != users.end();
@@ -140,19 +154,23 @@ bool isUser(std::string_view credentials, std::string& user, bool& readOnly) {
         if (isThere && candidate.isKnown && isSame) {
             user = name;
             readOnly = candidate.readOnly;
-            return true;
+            return 0;
         }
         const std::string hash = candidate.hash;
         lock.unlock();
         if (hash.empty()) {
-            return false;
+            return MHD_HTTP_UNAUTHORIZED;
         }
-        if (!hashing.owns_lock()) {
+        if (!turn) {
+            if (turn.emplace().number > mostTurns) {
+                report(0, "too many passwords to check");
+                return MHD_HTTP_SERVICE_UNAVAILABLE;
+            }
             hashing.lock(); // then it looks again: another request may have brought the password
             continue;
         }
         if (!fits(password, hash) || !isThere) {
-            return false;
+            return MHD_HTTP_UNAUTHORIZED;
         }
         lock.lock();
         if (const auto now = users.find(name); now != users.end() && now->second.hash == hash) {
