@@ -94,15 +94,14 @@ bool parseQuery(std::string_view query, Target& target) {
            (target.action != Action::rename || target.to);
 }
 
-// Checks the headers that say where the body ends. If they leave doubt, the rest of the body could pass for a request
-// of its own (request smuggling). The library ignores headers whose name it does not know. Among them are names with a
-// blank behind them, and those that begin with the rest of a folded line.
-unsigned judgeFraming(const RequestHead& head) {
+// Checks the headers that say where the body ends, and stores its length if they tell it. If they leave doubt, the rest
+// of the body could pass for a request of its own (request smuggling). The library ignores headers whose name it does
+// not know. Among them are names with a blank behind them, and those that begin with the rest of a folded line.
+unsigned judgeFraming(const RequestHead& head, std::uint64_t& length) {
     constexpr std::string_view contentLength = "Content-Length";
     constexpr std::string_view transferEncoding = "Transfer-Encoding";
     unsigned count = 0; // of headers that say where the body ends
     bool isDoubtful = false;
-    std::uint64_t length = 0;
     for (const auto& [name, value] : head.headers) {
         isDoubtful |=
             name.empty() || std::any_of(name.begin(), name.end(), [](char c) { return c <= ' ' || c >= 0x7f; });
@@ -150,7 +149,7 @@ Request judge(const RequestHead& head, const Options& options) {
     Request request;
     request.forwardedFor = options.behindProxy ? forwardedAddress(head) : "";
     request.range = valueOf(head, "Range");
-    request.refusal = judgeFraming(head);
+    request.refusal = judgeFraming(head, request.declared);
     request.isDoubtful = request.refusal != 0;
     if (request.refusal == 0) {
         request.refusal = admit(head, options, request);

@@ -46,7 +46,8 @@ struct Request {
     // Of a write:
     Descriptor file;
     std::string body;
-    MemoryShare share; // of the body
+    MemoryShare share;          // of the body
+    std::uint64_t declared = 0; // length of the body; 0 if the request does not say it
     std::uint64_t received = 0;
 };
 

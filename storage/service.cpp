@@ -79,6 +79,7 @@ void takeBody(Request& request, std::string_view piece) {
     }
     if (request.refusal == 0 && request.file.number >= 0) {
         takeMemory(request.share, piece.size());
+        request.body.reserve(request.declared); // of which the kernel gives only what is used
         request.body.append(piece);
     }
 }
