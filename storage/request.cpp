@@ -84,6 +84,9 @@ bool parseParameter(std::string_view parameter, Target& target, unsigned& seen) 
 
 bool parseQuery(std::string_view query, Target& target) {
     const bool isPlain = query.empty();
+    if (query.find(';') != std::string_view::npos) { // where some proxies take a parameter to end
+        return false;
+    }
     for (unsigned seen = 0; !query.empty();) {
         if (!parseParameter(takeUntil(query, '&'), target, seen)) {
             return false;

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <crypt.h>
 #include <gnutls/crypto.h>
 #include <gnutls/gnutls.h>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <microhttpd.h>
 #include <mutex>
+#include <new>
 #include <optional>
 
 namespace {
@@ -53,7 +55,11 @@ Digest digestOf(std::string_view password) {
 
 bool fits(const std::string& password, const std::string& hash) {
     const auto data = std::make_unique<crypt_data>(); // 32 KiB
+    errno = 0;
     const char* result = crypt_rn(password.c_str(), hash.c_str(), data.get(), sizeof *data);
+    if (result == nullptr && errno == ENOMEM) { // the password may be right
+        throw std::bad_alloc();
+    }
     return result != nullptr && hash == result && password.find('\0') == std::string::npos;
 }
 

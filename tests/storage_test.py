@@ -71,7 +71,8 @@ SECTIONS = {
                   "/a.txt?action=rename", "/a.txt?action=rename&to=%2F..", "/%FF?action=mkdir",
                   "/new?action=create&mode=99999999999", "/d?action=rename&to=d%2Fbelow&replace=1",
                   "/a.txt?action=rename&to=%FF&replace=1", "/%FF?action=create&mode=33188",
-                  "/a.txt?action=props&action=unlink", "/a.txt?action=truncate&offset=9&offset=0"], "a.txt=content"),
+                  "/a.txt?action=props&action=unlink", "/a.txt?action=truncate&offset=9&offset=0",
+                  "/a.txt?x=1;action=props&action=truncate&offset=2"], "a.txt=content"),
         ("405 ", ["POST $/a.txt\n\nx", "DELETE $/a.txt", "HEAD $/a.txt?action=unlink", "PUT $/a.txt\n\nx",
                   "/a.txt?action=write&flags=1&offset=0"], "a.txt=content"),
         # Parts of files.
