@@ -1,13 +1,177 @@
 #include "storage/access.h"
 
-#include "storage/users.h"
+#include "storage/trouble.h"
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <gnutls/gnutls.h>
+#include <array>
+#include <atomic>
+#include <crypt.h>
+#include <fcntl.h>
+#include <gnutls/crypto.h>
+#include <map>
+#include <memory>
 #include <microhttpd.h>
+#include <mutex>
+#include <new>
+#include <sstream>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <system_error>
 
 namespace {
+
+constexpr std::size_t secretLength = 22;
+constexpr std::string_view base64url = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+using Digest = std::array<unsigned char, 32>; // of a password, with the key of this process
+
+struct User {
+    std::string hash;  // empty where the password is plain
+    Digest known = {}; // of the right password, once a request has brought it
+    bool isKnown = false;
+    bool readOnly = false;
+};
+
+std::mutex usersMutex;
+std::map<std::string, User> users; // guarded by usersMutex; empty where nobody needs a name
+std::mutex hashingMutex;           // one at a time: strangers can ask for it, and it takes megabytes
+std::atomic<unsigned> turns = 0;
+constexpr unsigned mostTurns = 256; // more requests with wrong passwords would take all connections
+
+// Of a request that waits for hashingMutex or has it.
+struct Turn {
+    const unsigned number = ++turns;
+    ~Turn() {
+        --turns;
+    }
+};
+
+Digest digestOf(std::string_view password) {
+    static const Digest key = [] {
+        Digest random = {};
+        gnutls_rnd(GNUTLS_RND_KEY, random.data(), random.size());
+        return random;
+    }();
+    Digest digest = {};
+    gnutls_hmac_fast(GNUTLS_MAC_SHA256, key.data(), key.size(), password.data(), password.size(), digest.data());
+    return digest;
+}
+
+bool fits(const std::string& password, const std::string& hash) {
+    const auto data = std::make_unique<crypt_data>(); // 32 KiB
+    errno = 0;
+    const char* result = crypt_rn(password.c_str(), hash.c_str(), data.get(), sizeof *data);
+    if (result == nullptr && errno == ENOMEM) { // the password may be right
+        throw std::bad_alloc();
+    }
+    return result != nullptr && hash == result && password.find('\0') == std::string::npos;
+}
+
+std::string makeSecret() {
+    std::array<unsigned char, secretLength> random;
+    if (gnutls_rnd(GNUTLS_RND_KEY, random.data(), random.size()) < 0) {
+        throw std::runtime_error("no random numbers are available");
+    }
+    random.back() &= 0x30; // the last of 22 characters carries the last two of 128 bits
+    std::string secret;
+    for (const unsigned char byte : random) {
+        secret += base64url[byte % base64url.size()];
+    }
+    return secret;
+}
+
+// Splits credentials of basic authentication, which are in base64.
+bool decode(std::string_view credentials, std::string& name, std::string& password) {
+    const gnutls_datum_t encoded = {reinterpret_cast<unsigned char*>(const_cast<char*>(credentials.data())),
+                                    static_cast<unsigned>(credentials.size())};
+    gnutls_datum_t decoded = {};
+    if (credentials.empty() || gnutls_base64_decode2(&encoded, &decoded) != 0) {
+        return false;
+    }
+    name.assign(reinterpret_cast<char*>(decoded.data), decoded.size);
+    gnutls_free(decoded.data);
+    const std::size_t colon = name.find(':');
+    if (colon != std::string::npos) {
+        password = name.substr(colon + 1);
+        name.resize(colon);
+    }
+    return colon != std::string::npos;
+}
+
+bool isHash(std::string_view password) {
+    return password.starts_with('$') && password.find('$', 1) != std::string_view::npos;
+}
+
+// Empty, or what is wrong with a line.
+std::string readUser(std::string_view line, std::map<std::string, User>& found, bool& isPlain) {
+    User user;
+    user.readOnly = line.ends_with(":ro");
+    line.remove_suffix(user.readOnly ? 3 : 0);
+    const std::size_t colon = line.find(':');
+    if (colon == 0 || colon >= line.size() - 1 ||
+        std::any_of(line.begin(), line.end(), [](unsigned char c) { return c < ' ' || c == 0x7f; })) {
+        return "is not NAME:PASSWORD or NAME:PASSWORD:ro";
+    }
+    const std::string password(line.substr(colon + 1));
+    if (!isHash(password)) {
+        isPlain = true;
+        user.isKnown = true;
+        user.known = digestOf(password);
+    } else if (const int check = crypt_checksalt(password.c_str());
+               check == CRYPT_SALT_INVALID || check == CRYPT_SALT_METHOD_DISABLED) {
+        return "has a hash that crypt(5) does not know; \"mkpasswd\" and \"htpasswd -B\" make good ones";
+    } else {
+        user.hash = password;
+    }
+    return found.emplace(std::string(line.substr(0, colon)), user).second ? "" : "has a name that is there already";
+}
+
+unsigned checkUser(std::string_view credentials, std::string& user, bool& readOnly) {
+    std::string name;
+    std::string password;
+    const bool isDecoded = decode(credentials, name, password);
+    const Digest digest = digestOf(password);
+    std::unique_lock hashing(hashingMutex, std::defer_lock);
+    std::optional<Turn> turn;
+    for (;;) {
+        std::unique_lock lock(usersMutex);
+        if (users.empty() || !isDecoded) {
+            return users.empty() ? 0 : MHD_HTTP_UNAUTHORIZED;
+        }
+        const auto found = users.find(name);
+        const bool isThere = found != users.end();
+        // Without such a name it checks another user's password, so that the time does not tell.
+        const User& candidate = isThere ? found->second : users.begin()->second;
+        const bool isSame = gnutls_memcmp(digest.data(), candidate.known.data(), digest.size()) == 0;
+        if (isThere && candidate.isKnown && isSame) {
+            user = name;
+            readOnly = candidate.readOnly;
+            return 0;
+        }
+        const std::string hash = candidate.hash;
+        lock.unlock();
+        if (hash.empty()) {
+            return MHD_HTTP_UNAUTHORIZED;
+        }
+        if (!turn) {
+            if (turn.emplace().number > mostTurns) {
+                report(0, "too many passwords to check");
+                return MHD_HTTP_SERVICE_UNAVAILABLE;
+            }
+            hashing.lock(); // then it looks again: another request may have brought the password
+            continue;
+        }
+        if (!fits(password, hash) || !isThere) {
+            return MHD_HTTP_UNAUTHORIZED;
+        }
+        lock.lock();
+        if (const auto now = users.find(name); now != users.end() && now->second.hash == hash) {
+            now->second.known = digest;
+            now->second.isKnown = true;
+        }
+    }
+}
 
 bool isAddress(int family, std::string_view text) {
     unsigned char address[sizeof(in6_addr)];
@@ -42,6 +206,55 @@ bool isSame(std::string_view given, std::string_view expected) {
 }
 
 } // namespace
+
+std::string takeSecret(const std::string& file) {
+    if (file.empty()) {
+        return makeSecret();
+    }
+    // A crash leaves an empty file behind, and the next start fills it. The lock lets one of several starts do so.
+    const Descriptor opened(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    struct stat st;
+    std::string secret;
+    if (opened.number >= 0 && flock(opened.number, LOCK_EX) == 0 && fstat(opened.number, &st) == 0 && st.st_size == 0 &&
+        S_ISREG(st.st_mode) && (st.st_mode & S_IRWXO) == 0) {
+        secret = makeSecret();
+        if (dprintf(opened.number, "%s\n", secret.c_str()) < 0 || fsync(opened.number) != 0) {
+            const int error = errno;
+            static_cast<void>(ftruncate(opened.number, 0) == 0);
+            throw std::system_error(error, std::generic_category(), file);
+        }
+        return secret;
+    }
+    secret = readSettings(file, true);
+    secret.erase(std::min(secret.find('\n'), secret.size()));
+    if (secret.size() != secretLength || secret.find_first_not_of(base64url) != std::string::npos) {
+        throw std::runtime_error(file + ": its first line is not a secret of 22 letters, digits, \"-\" and \"_\"");
+    }
+    return secret;
+}
+
+void readUsers(const std::string& file) {
+    std::map<std::string, User> found;
+    std::istringstream text(readSettings(file, true));
+    std::string line;
+    bool isPlain = false;
+    for (unsigned number = 1; std::getline(text, line); ++number) {
+        if (line.empty() || line.starts_with('#')) {
+            continue;
+        }
+        if (const std::string error = readUser(line, found, isPlain); !error.empty()) {
+            throw std::runtime_error(file + ": line " + std::to_string(number) + " " + error);
+        }
+    }
+    if (found.empty()) {
+        throw std::runtime_error(file + ": there is no user in it");
+    }
+    if (isPlain) {
+        say("warning: " + file + ": plain passwords will not be taken by the next version; \"mkpasswd\" hashes them");
+    }
+    const std::lock_guard lock(usersMutex);
+    users = std::move(found);
+}
 
 unsigned admit(const RequestHead& head, const Options& options, Request& request) {
     std::string_view authority;

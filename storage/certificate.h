@@ -4,9 +4,9 @@
 #include <gnutls/abstract.h>
 #include <string>
 
-// Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. Returns an
-// empty text. If something is wrong, it says in words what, and the certificate that was read before stays in use.
-std::string readCertificate(const std::string& certificateFile, const std::string& keyFile);
+// Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. If
+// something is wrong, that is thrown in words, and the certificate that was read before stays in use.
+void readCertificate(const std::string& certificateFile, const std::string& keyFile);
 
 // The callback for MHD_OPTION_HTTPS_CERT_CALLBACK: gives the certificate that was read last.
 int chooseCertificate(gnutls_session_t session, const gnutls_datum_t* authorities, int authorityCount,

@@ -9,6 +9,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <system_error>
 
 namespace {
 
@@ -109,15 +110,18 @@ std::vector<Descriptor> inheritListeners() {
     return listeners;
 }
 
-std::string openListeners(const std::vector<std::string>& names, const std::string& port,
-                          std::vector<Descriptor>& listeners) {
+std::vector<Descriptor> openListeners(const std::vector<std::string>& names, const std::string& port) {
     const std::vector<std::string> addresses = resolve(names, port);
+    std::vector<Descriptor> listeners;
     int error = -EADDRINUSE;
     // A port that is free for one address can be taken for another.
     for (int attempts = 0; attempts < maxAttempts && error == -EADDRINUSE; ++attempts) {
         error = listenOnEach(addresses, listeners);
     }
-    return error == 0 ? "" : "cannot serve on " + names.back() + " port " + port + ": " + std::strerror(-error);
+    if (error != 0) {
+        throw std::system_error(-error, std::generic_category(), "cannot serve on " + names.back() + " port " + port);
+    }
+    return listeners;
 }
 
 bool isLocal(const Descriptor& listener) {

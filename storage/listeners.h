@@ -10,9 +10,8 @@
 std::vector<Descriptor> inheritListeners();
 
 // Listens on all addresses of all `names`, with the same port; `port` "0" picks a free one. Addresses that this machine
-// does not have are left out unless it has none of them. Returns an empty text, or says in words what is wrong.
-std::string openListeners(const std::vector<std::string>& names, const std::string& port,
-                          std::vector<Descriptor>& listeners);
+// does not have are left out unless it has none of them. Throws std::runtime_error, in words.
+std::vector<Descriptor> openListeners(const std::vector<std::string>& names, const std::string& port);
 
 // True for a socket that only this machine reaches.
 bool isLocal(const Descriptor& listener);

@@ -1,14 +1,13 @@
 // kelvane_storage: serves a local directory to kelvane_vfs.
+#include "storage/access.h"
 #include "storage/certificate.h"
 #include "storage/connections.h"
 #include "storage/listeners.h"
 #include "storage/options.h"
 #include "storage/request_log.h"
 #include "storage/service.h"
-#include "storage/settings.h"
 #include "storage/tree.h"
 #include "storage/trouble.h"
-#include "storage/users.h"
 
 #include <algorithm>
 #include <csignal>
@@ -24,6 +23,7 @@
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <system_error>
 
 namespace {
 
@@ -52,19 +52,18 @@ unsigned raiseDescriptorLimit() {
 // says in words which files those are and why; it is empty if there are none.
 std::string readFiles(const Options& options) try {
     std::string errors;
-    const auto note = [&errors](const std::string& error) {
-        errors += errors.empty() || error.empty() ? error : "; " + error;
+    const auto attempt = [&errors](const std::string& file, const auto& read) {
+        try {
+            if (!file.empty()) {
+                read();
+            }
+        } catch (const std::runtime_error& error) {
+            errors.append(errors.empty() ? "" : "; ").append(error.what());
+        }
     };
-    if (!options.certificateFile.empty()) {
-        note(readCertificate(options.certificateFile, options.keyFile));
-    }
-    if (!options.usersFile.empty()) {
-        note(readUsers(options.usersFile));
-    }
-    if (!options.logFile.empty()) {
-        const int error = openLog(options.logFile);
-        note(error == 0 ? "" : options.logFile + ": " + std::strerror(-error));
-    }
+    attempt(options.certificateFile, [&] { readCertificate(options.certificateFile, options.keyFile); });
+    attempt(options.usersFile, [&] { readUsers(options.usersFile); });
+    attempt(options.logFile, [&] { openLog(options.logFile); });
     return errors;
 } catch (const std::bad_alloc&) {
     return "out of memory";
@@ -92,23 +91,6 @@ void notifyManager() {
            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name)));
 }
 
-// Takes everything that can fail before anything is served; an empty text, or what is wrong.
-std::string prepare(Options& options, std::vector<Descriptor>& listeners) {
-    std::string error = listeners.empty() ? openListeners(options.listen, options.port, listeners) : "";
-    if (error.empty()) {
-        error = readFiles(options);
-    }
-    if (const int result = error.empty() ? openTree(options.directory, options.sync) : 0; result != 0) {
-        error = std::string(options.directory) + ": " + std::strerror(-result);
-    }
-    if (error.empty() && !options.noSecret) {
-        std::string secret;
-        error = options.secretFile.empty() ? makeSecret(secret) : keepSecret(options.secretFile, secret);
-        options.base += (options.base.ends_with('/') ? "" : "/") + secret + "/";
-    }
-    return error;
-}
-
 // What an address that other machines reach still needs; empty if nothing.
 std::string missingProtection(const Options& options) {
     return options.noSecret && options.usersFile.empty()             ? "a secret or --users"
@@ -118,20 +100,28 @@ std::string missingProtection(const Options& options) {
 
 } // namespace
 
-int main(int argc, char* argv[]) {
+int main(int argc, char* argv[]) try {
     Options options;
     if (const int status = parseOptions(argc, argv, options); status >= 0) {
         return status;
     }
     std::vector<Descriptor> listeners = inheritListeners();
     const bool isReplaced = !listeners.empty(); // at its end, by a server that gets the same sockets
-    if (const std::string error = prepare(options, listeners); !error.empty()) {
-        say(error);
-        return failure;
+    if (!isReplaced) {
+        listeners = openListeners(options.listen, options.port);
+    }
+    if (const std::string errors = readFiles(options); !errors.empty()) {
+        throw std::runtime_error(errors);
+    }
+    if (const int error = openTree(options.directory, options.sync); error != 0) {
+        throw std::system_error(-error, std::generic_category(), options.directory);
+    }
+    if (!options.noSecret) {
+        options.base += (options.base.ends_with('/') ? "" : "/") + takeSecret(options.secretFile) + "/";
     }
     const bool isLocalOnly = std::all_of(listeners.begin(), listeners.end(), isLocal);
     if (const std::string missing = missingProtection(options); !isLocalOnly && !missing.empty()) {
-        return complainOfUsage("other machines reach the address, so this is missing: " + missing);
+        throw std::invalid_argument("other machines reach the address, so this is missing: " + missing);
     }
     // Over HTTPS the host has to be one of the certificate's.
     const bool isTls = !options.certificateFile.empty();
@@ -161,8 +151,7 @@ int main(int argc, char* argv[]) {
     MHD_Daemon* daemon =
         startService(options, isLocalOnly || options.behindProxy ? 0 : std::min(connections / 2, mostConnectionsOfOne));
     if (daemon == nullptr || signals.number < 0) {
-        say(std::string("cannot serve: ") + std::strerror(errno));
-        return failure;
+        throw std::system_error(errno, std::generic_category(), "cannot serve");
     }
     std::puts(url.c_str());
     std::fflush(stdout);
@@ -180,4 +169,10 @@ int main(int argc, char* argv[]) {
         std::_Exit(success);
     }
     return success;
+} catch (const std::invalid_argument& error) {
+    say(std::string(error.what()) + "; --help shows the usage");
+    return wrongUsage;
+} catch (const std::exception& error) {
+    say(error.what());
+    return failure;
 }

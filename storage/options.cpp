@@ -1,14 +1,19 @@
 #include "storage/options.h"
 
-#include "storage/trouble.h"
-
 #include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <getopt.h>
+#include <memory>
+#include <sys/stat.h>
+#include <system_error>
+#include <variant>
 
 namespace {
+
+constexpr std::size_t largestFile = 1 << 20;
 
 const char* const usageText =
     "usage: kelvane_storage [OPTION ...] DIRECTORY\n"
@@ -28,32 +33,6 @@ const char* const usageText =
     "  --behind-proxy       clients come through a proxy that does HTTPS\n"
     "  --log FILE           write a line for each request; - is standard output\n"
     "  --version, --help\n";
-
-// An option and where its value goes.
-struct Row {
-    const char* name;
-    bool Options::*flag = nullptr;
-    std::string Options::*text = nullptr;
-    std::vector<std::string> Options::*list = nullptr;
-};
-
-constexpr Row rows[] = {
-    {.name = "help"},
-    {.name = "version"},
-    {.name = "port", .text = &Options::port},
-    {.name = "no-secret", .flag = &Options::noSecret},
-    {.name = "read-only", .flag = &Options::readOnly},
-    {.name = "sync", .flag = &Options::sync},
-    {.name = "behind-proxy", .flag = &Options::behindProxy},
-    {.name = "prefix", .text = &Options::base},
-    {.name = "secret-file", .text = &Options::secretFile},
-    {.name = "users", .text = &Options::usersFile},
-    {.name = "tls-cert", .text = &Options::certificateFile},
-    {.name = "tls-key", .text = &Options::keyFile},
-    {.name = "log", .text = &Options::logFile},
-    {.name = "listen", .list = &Options::listen},
-    {.name = "host", .list = &Options::hosts},
-};
 
 bool isPort(const std::string& text) {
     std::uint16_t port = 0;
@@ -85,44 +64,69 @@ std::string judgeOptions(const Options& options) {
 
 } // namespace
 
-int complainOfUsage(const std::string& text) {
-    say(text + "; --help shows the usage");
-    return wrongUsage;
-}
-
 int parseOptions(int argc, char* argv[], Options& options) {
+    const std::pair<const char*, std::variant<bool*, std::string*, std::vector<std::string>*>> places[] = {
+        {"no-secret", &options.noSecret}, {"read-only", &options.readOnly},
+        {"sync", &options.sync},          {"behind-proxy", &options.behindProxy},
+        {"port", &options.port},          {"prefix", &options.base},
+        {"users", &options.usersFile},    {"secret-file", &options.secretFile},
+        {"tls-key", &options.keyFile},    {"tls-cert", &options.certificateFile},
+        {"log", &options.logFile},        {"listen", &options.listen},
+        {"host", &options.hosts},
+    };
     std::vector<option> table;
-    for (const Row& row : rows) {
-        table.push_back(
-            {row.name, row.text != nullptr || row.list != nullptr ? required_argument : no_argument, nullptr, 0});
+    for (const auto& [name, place] : places) {
+        const bool isFlag = std::holds_alternative<bool*>(place);
+        table.push_back({name, isFlag ? no_argument : required_argument, nullptr, 0});
     }
-    table.push_back({});
+    table.insert(table.end(), {{"help", no_argument, nullptr, 'h'}, {"version", no_argument, nullptr, 'v'}, {}});
     for (int index = 0, found = 0; (found = getopt_long(argc, argv, "h", table.data(), &index)) != -1;) {
         if (found == '?') { // getopt has printed what is wrong
             return wrongUsage;
         }
-        const Row& row = rows[found == 'h' ? 0 : index];
-        if (row.flag != nullptr) {
-            options.*row.flag = true;
-        } else if (row.text != nullptr) {
-            options.*row.text = optarg;
-        } else if (row.list != nullptr) {
-            (options.*row.list).emplace_back(optarg);
-        } else {
-            std::fputs(row.name == rows[0].name ? usageText : "kelvane_storage " KELVANE_VERSION "\n", stdout);
+        if (found != 0) {
+            std::fputs(found == 'h' ? usageText : "kelvane_storage " KELVANE_VERSION "\n", stdout);
             return success;
         }
-        options.noSecret &= row.text != &Options::secretFile; // the later one counts
+        const auto& place = places[index].second;
+        if (const auto* flag = std::get_if<bool*>(&place)) {
+            **flag = true;
+        } else if (const auto* text = std::get_if<std::string*>(&place)) {
+            **text = optarg;
+            options.noSecret &= *text != &options.secretFile; // the later one counts
+        } else {
+            std::get<std::vector<std::string>*>(place)->emplace_back(optarg);
+        }
     }
     const std::string error = argc == optind      ? "DIRECTORY is missing"
                               : argc > optind + 1 ? "one argument too many: " + std::string(argv[optind + 1])
                                                   : judgeOptions(options);
     if (!error.empty()) {
-        return complainOfUsage(error);
+        throw std::invalid_argument(error);
     }
     if (options.listen.empty()) {
         options.listen = {"127.0.0.1"};
     }
     options.directory = argv[optind];
     return -1;
+}
+
+std::string readSettings(const std::string& file, bool isPrivate) {
+    const std::unique_ptr<FILE, int (*)(FILE*)> opened(std::fopen(file.c_str(), "re"), std::fclose);
+    struct stat st;
+    if (opened == nullptr || fstat(fileno(opened.get()), &st) != 0) {
+        throw std::system_error(errno, std::generic_category(), file);
+    }
+    if (isPrivate && (st.st_mode & S_IRWXO) != 0) {
+        throw std::runtime_error(file + ": others can read it; \"chmod o=\" mends that");
+    }
+    std::string text(largestFile + 1, '\0');
+    text.resize(std::fread(text.data(), 1, text.size(), opened.get()));
+    if (std::ferror(opened.get()) != 0) {
+        throw std::system_error(errno, std::generic_category(), file);
+    }
+    if (text.empty() || text.size() > largestFile) {
+        throw std::runtime_error(file + (text.empty() ? ": it is empty" : ": it is too large"));
+    }
+    return text;
 }

@@ -1,10 +1,10 @@
-// The command line.
+// The command line, and the small files that it names. What is wrong with them is thrown in words.
 #pragma once
 
 #include <string>
 #include <vector>
 
-enum Status { success = 0, failure = 1, wrongUsage = 2 };
+enum ExitStatus { success = 0, failure = 1, wrongUsage = 2 };
 
 struct Options {
     std::vector<std::string> listen; // addresses or names
@@ -19,8 +19,9 @@ struct Options {
     const char* directory = nullptr;
 };
 
-// Returns -1 to go on, else the exit status; what is wrong has been said then.
+// Returns -1 to go on, else the exit status. Throws std::invalid_argument.
 int parseOptions(int argc, char* argv[], Options& options);
 
-// Says what is wrong with the arguments and returns the status for that.
-int complainOfUsage(const std::string& text);
+// The text of a file that is not empty. A private one must not be readable by others than its owner and group. Throws
+// std::runtime_error.
+std::string readSettings(const std::string& file, bool isPrivate);

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <new>
+#include <system_error>
 
 namespace {
 
@@ -37,22 +38,17 @@ std::string addressText(const sockaddr* address) {
 
 } // namespace
 
-int openLog(const std::string& file) {
-    if (file == "-") {
-        log = STDOUT_FILENO;
-        return 0;
-    }
-    Descriptor opened(
-        open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY, S_IRUSR | S_IWUSR | S_IRGRP));
-    if (opened.number < 0) {
-        return opened.number;
-    }
+void openLog(const std::string& file) {
+    Descriptor opened(file == "-" ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)
+                                  : open(file.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC | O_NOCTTY,
+                                         S_IRUSR | S_IWUSR | S_IRGRP));
     // The new file takes the descriptor of the old one, because other threads may be writing to that descriptor.
+    if (opened.number < 0 || (log >= 0 && dup3(opened.number, log, O_CLOEXEC) < 0)) {
+        throw std::system_error(errno, std::generic_category(), file);
+    }
     if (log < 0) {
         log = std::exchange(opened.number, -1);
-        return 0;
     }
-    return dup3(opened.number, log, O_CLOEXEC) < 0 ? -errno : 0;
 }
 
 void writeLog(const sockaddr* client, const Request& request, const Reply& reply) try {
