@@ -131,7 +131,7 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
     std::string name;
     std::string password;
     const bool isDecoded = decode(credentials, name, password);
-    const Digest digest = digestOf(password);
+    const Digest digest = isDecoded ? digestOf(password) : Digest();
     std::unique_lock hashing(hashingMutex, std::defer_lock);
     std::optional<Turn> turn;
     for (;;) {

@@ -53,42 +53,38 @@ Reply statistics(const Request& request) {
     struct stat st;
     struct statvfs volume;
     const Descriptor root = lookUp("", st);
-    const int result = root.number < 0 ? root.number : fstatvfs(root.number, &volume) == 0 ? 0 : -errno;
+    const int result = root.number < 0 ? root.number : resultOf(fstatvfs(root.number, &volume));
     return result == 0 ? json(statisticsObject(volume)) : refuseFor(request, result);
 }
 
-Reply listing(const Request& request, Descriptor directory) {
+Reply listing(Request& request, Descriptor directory) {
+    takeMemory(request.share, listingMemory);
     Listing made;
     if (const int error = beginListing(std::move(directory), request.target.path, made); error != 0) {
         return refuseFor(request, error);
     }
-    Reply reply = json(made.isComplete ? std::move(made.text) : "");
-    if (!made.isComplete) {
-        reply.body = std::move(made);
+    if (made.isComplete) {
+        return json(std::move(made.text));
     }
+    Reply reply = json("");
+    reply.body = std::move(made);
     return reply;
 }
 
 // The file or the range that is asked for. A short one is read at once and declared as long as it was, even if the file
 // becomes shorter at the same time.
-Reply content(const Request& request, Descriptor file, std::uint64_t size) {
+Reply content(Request& request, Descriptor file, std::uint64_t size) {
     Range range = {};
     const RangeKind kind = parseRange(request.range, size, range);
     Reply reply = {.status = MHD_HTTP_OK,
                    .headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream"},
                                {MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes"}}};
-    if (kind == RangeKind::unsatisfiable) {
-        range.length = 0;
-    } else if (range.length > largestCopy) {
-        auto& stream = reply.body.emplace<Stream>();
-        takeMemory(stream.share, largestCopy);
-        stream.file = std::move(file);
-        stream.first = range.first;
+    takeMemory(request.share, std::min(range.length, largestCopy));
+    if (range.length > largestCopy) {
+        reply.body = Stream{std::move(file), range.first};
     } else {
-        auto& copy = reply.body.emplace<Copy>();
-        takeMemory(copy.share, range.length);
-        copy.bytes = std::make_unique_for_overwrite<char[]>(range.length);
-        const ssize_t count = readFrom(file, copy.bytes.get(), range.length, range.first);
+        auto& copy = reply.body.emplace<Copy>(std::make_unique_for_overwrite<char[]>(range.length));
+        const ssize_t count = readFrom(file, copy.get(), range.length, range.first);
         if (count < 0) {
             return refuseFor(request, static_cast<int>(count));
         }
@@ -105,7 +101,7 @@ Reply content(const Request& request, Descriptor file, std::uint64_t size) {
     return reply;
 }
 
-Reply plainRead(const Request& request) {
+Reply plainRead(Request& request) {
     struct stat st;
     Descriptor opened = openInTree(request.target.path, O_RDONLY, st);
     return opened.number < 0     ? refuseFor(request, opened.number)

@@ -47,7 +47,8 @@ Client& clientOf(MHD_Connection* connection) {
 int acceptOne(MHD_Daemon* daemon, int listener) try {
     sockaddr_storage address = {};
     socklen_t length = sizeof address;
-    Descriptor socket(accept4(listener, reinterpret_cast<sockaddr*>(&address), &length, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    auto* const place = reinterpret_cast<sockaddr*>(&address);
+    Descriptor socket(resultOf(accept4(listener, place, &length, SOCK_NONBLOCK | SOCK_CLOEXEC)));
     if (socket.number < 0) {
         return socket.number;
     }
@@ -57,7 +58,7 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
         clients.try_emplace(socket.number);
     }
     const int added = std::exchange(socket.number, -1); // the library closes it
-    if (MHD_add_connection(daemon, added, reinterpret_cast<const sockaddr*>(&address), length) != MHD_YES) {
+    if (MHD_add_connection(daemon, added, place, length) != MHD_YES) {
         const std::lock_guard lock(clientsMutex);
         clients.erase(added);
     }

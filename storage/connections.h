@@ -1,7 +1,7 @@
 // The connections of the service: how they are accepted, and when they are ended.
 #pragma once
 
-#include "storage/descriptor.h"
+#include "storage/resources.h"
 
 #include <microhttpd.h>
 #include <vector>

@@ -1,29 +1,94 @@
 #include "storage/json.h"
 
+#include "storage/tree.h"
+#include "storage/trouble.h"
+
+#include <algorithm>
 #include <charconv>
-#include <cstdint>
 #include <cstdio>
-#include <dirent.h>
+#include <fcntl.h>
+#include <initializer_list>
+#include <string_view>
 
 namespace {
 
-constexpr int listedDirectory = 4;
+constexpr std::size_t longestElement = 2048; // an escaped name has 1530 characters
 
-void appendMember(std::string& json, const char* key, std::int64_t value) {
-    char digits[24];
-    const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
-    json += json.back() == '{' ? "\"" : ",\"";
-    json.append(key).append("\":").append(digits, end - digits);
+// Adds members behind the brace or the member with which `json` ends.
+void appendMembers(std::string& json, std::initializer_list<std::pair<const char*, std::int64_t>> members) {
+    for (const auto& [key, value] : members) {
+        char digits[24];
+        const auto end = std::to_chars(digits, digits + sizeof digits, value).ptr;
+        json += json.back() == '{' ? "\"" : ",\"";
+        json.append(key).append("\":").append(digits, end - digits);
+    }
 }
 
 void appendAttributes(std::string& json, const struct stat& st) {
-    appendMember(json, "s", st.st_size);
-    appendMember(json, "b", st.st_blocks);
-    appendMember(json, "m", st.st_mode);
-    appendMember(json, "nl", static_cast<std::int64_t>(st.st_nlink));
-    appendMember(json, "at", st.st_atime);
-    appendMember(json, "mt", st.st_mtime);
-    appendMember(json, "ct", st.st_ctime);
+    appendMembers(json, {{"s", st.st_size},
+                         {"b", st.st_blocks},
+                         {"m", st.st_mode},
+                         {"nl", st.st_nlink},
+                         {"at", st.st_atime},
+                         {"mt", st.st_mtime},
+                         {"ct", st.st_ctime}});
+}
+
+void appendString(std::string& json, std::string_view text) {
+    json += '"';
+    for (const unsigned char c : text) {
+        if (c < ' ') {
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x", c);
+            json += escape;
+        } else {
+            json.append(c == '"' || c == '\\' ? "\\" : "").append(1, static_cast<char>(c));
+        }
+    }
+    json += '"';
+}
+
+// Adds the entry `name` to the text if it is shown; 0 or a negated error number.
+int addEntry(Listing& listing, const char* name) {
+    const std::string_view text = name;
+    if (text == "." || text == ".." || !isUtf8(text)) {
+        listing.leftOut += isUtf8(text) ? 0 : 1;
+        return 0;
+    }
+    struct stat st;
+    int result = resultOf(fstatat(dirfd(listing.directory.get()), name, &st, AT_SYMLINK_NOFOLLOW));
+    if (result == 0 && S_ISLNK(st.st_mode)) {
+        result = lookUp(listing.path.empty() ? name : listing.path + "/" + name, st).number;
+        result = result < 0 && !isFailure(result) ? -ENOENT : result;
+    }
+    if (result >= 0 && isShown(st)) {
+        listing.text.append(listing.text.ends_with('[') ? "" : ",").append("{");
+        appendMembers(listing.text, {{"t", IFTODT(st.st_mode)}}); // 4 for a directory
+        appendAttributes(listing.text, st);
+        listing.text += ",\"n\":";
+        appendString(listing.text, text);
+        listing.text += '}';
+    }
+    return result == -ENOENT ? 0 : std::min(result, 0);
+}
+
+// Adds the next elements to the text; 0 or a negated error number.
+int continueListing(Listing& listing) {
+    while (!listing.isComplete && listing.text.size() < listingMemory - longestElement) {
+        errno = 0;
+        const dirent* entry = readdir(listing.directory.get());
+        if (const int error = entry != nullptr ? addEntry(listing, entry->d_name) : -errno; error != 0) {
+            return error;
+        }
+        listing.isComplete = entry == nullptr;
+    }
+    listing.text += listing.isComplete ? "]}" : "";
+    if (listing.isComplete && listing.leftOut != 0) {
+        std::string shown;
+        appendString(shown, "/" + listing.path);
+        say(shown + ": left out " + std::to_string(listing.leftOut) + " name(s) that are not UTF-8");
+    }
+    return 0;
 }
 
 } // namespace
@@ -42,44 +107,39 @@ std::string statisticsObject(const struct statvfs& volume) {
         unit *= 2;
     }
     std::string json = "{";
-    appendMember(json, "bsize", static_cast<std::int64_t>(volume.f_bsize));
-    appendMember(json, "frsize", static_cast<std::int64_t>(unit));
-    appendMember(json, "blocks", static_cast<std::int64_t>(volume.f_blocks >> shift));
-    appendMember(json, "bfree", static_cast<std::int64_t>(volume.f_bfree >> shift));
-    appendMember(json, "bavail", static_cast<std::int64_t>(volume.f_bavail >> shift));
-    appendMember(json, "namemax", static_cast<std::int64_t>(volume.f_namemax));
+    appendMembers(json, {{"bsize", volume.f_bsize},
+                         {"frsize", unit},
+                         {"blocks", volume.f_blocks >> shift},
+                         {"bfree", volume.f_bfree >> shift},
+                         {"bavail", volume.f_bavail >> shift},
+                         {"namemax", volume.f_namemax}});
     return json + "}";
 }
 
 std::string statusEnvelope(int code) {
-    std::string json = "{";
-    appendMember(json, "hc", code);
-    return json + "}";
+    return "{\"hc\":" + std::to_string(code) + "}";
 }
 
-void appendElement(std::string& listing, const char* name, const struct stat& st) {
-    listing += '{';
-    appendMember(listing, "t", S_ISDIR(st.st_mode) ? listedDirectory : IFTODT(st.st_mode));
-    appendAttributes(listing, st);
-    listing += ",\"n\":";
-    appendString(listing, name);
-    listing += '}';
+int beginListing(Descriptor directory, const std::string& path, Listing& listing) {
+    listing.directory.reset(fdopendir(directory.number));
+    if (listing.directory == nullptr) {
+        return -errno;
+    }
+    directory.number = -1; // the stream closes it
+    listing.path = path;
+    listing.text = "{\"entries\":[";
+    return continueListing(listing);
 }
 
-void appendString(std::string& json, const char* text) {
-    json += '"';
-    for (; *text != '\0'; ++text) {
-        const auto c = static_cast<unsigned char>(*text);
-        if (c < 0x20) {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", c);
-            json += escape;
-        } else {
-            if (c == '"' || c == '\\') {
-                json += '\\';
-            }
-            json += *text;
+ssize_t readListing(Listing& listing, char* bytes, std::size_t size) {
+    if (listing.taken == listing.text.size() && !listing.isComplete) {
+        listing.text.clear();
+        listing.taken = 0;
+        if (const int error = continueListing(listing); error != 0) {
+            return error;
         }
     }
-    json += '"';
+    const std::size_t count = listing.text.copy(bytes, size, listing.taken);
+    listing.taken += count;
+    return static_cast<ssize_t>(count);
 }

@@ -1,6 +1,11 @@
-// The JSON objects that the server answers with.
+// The JSON that the server answers with.
 #pragma once
 
+#include "storage/resources.h"
+
+#include <cstdint>
+#include <dirent.h>
+#include <memory>
 #include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
@@ -14,8 +19,22 @@ std::string statisticsObject(const struct statvfs& volume);
 // The outcome of make-directory and rename.
 std::string statusEnvelope(int code);
 
-// Adds an element to the text of a listing.
-void appendElement(std::string& listing, const char* name, const struct stat& st);
+constexpr std::size_t listingMemory = 1 << 17;
 
-// Adds `text` in quotation marks.
-void appendString(std::string& json, const char* text);
+// The listing of a directory, which is made while it is sent, so that it needs no more memory when it is long.
+struct Listing {
+    std::unique_ptr<DIR, int (*)(DIR*)> directory{nullptr, closedir};
+    std::string path; // of the directory, in the tree
+    std::string text; // what was made last
+    std::size_t taken = 0;
+    bool isComplete = false; // `text` holds the end
+    unsigned leftOut = 0;    // names that are not UTF-8
+};
+
+// Begins the listing of `directory`, which is `path` in the tree; 0 or a negated error number. Entries that have just
+// been removed, links that lead nowhere inside, sockets, devices and names that are not UTF-8 are left out, the latter
+// with a line on standard error. Any other error fails the listing, because it must not hide entries.
+int beginListing(Descriptor directory, const std::string& path, Listing& listing);
+
+// Copies the next bytes of the listing, up to `size`. Returns their number, 0 at the end, or a negated error number.
+ssize_t readListing(Listing& listing, char* bytes, std::size_t size);

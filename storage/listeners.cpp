@@ -39,13 +39,13 @@ Descriptor listenOn(const std::string& raw, in_port_t port) {
     std::memcpy(&address, raw.data(), raw.size());
     address.v4.sin_port = port != 0 ? port : address.v4.sin_port;
     const int on = 1;
-    Descriptor made(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    Descriptor made(resultOf(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
     const bool isListening = setsockopt(made.number, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer) == 0 &&
                              setsockopt(made.number, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
                              (address.any.sa_family != AF_INET6 ||
                               setsockopt(made.number, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) == 0) &&
                              bind(made.number, &address.any, raw.size()) == 0 && listen(made.number, backlog) == 0;
-    return isListening || made.number < 0 ? std::move(made) : notOpened(-errno);
+    return isListening || made.number < 0 ? std::move(made) : Descriptor(-errno);
 }
 
 // The addresses of all names, each once.

@@ -1,7 +1,7 @@
 // The sockets that listen for clients.
 #pragma once
 
-#include "storage/descriptor.h"
+#include "storage/resources.h"
 
 #include <string>
 #include <vector>

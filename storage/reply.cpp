@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr std::size_t partSize = 1 << 18; // of what is read at once
+constexpr std::uint64_t partSize = 1 << 18; // of what is read at once
 
 // Caches must not keep what is served, and browsers must not guess its type.
 MHD_Response* withCommonHeaders(MHD_Response* response) {
@@ -28,69 +28,55 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
 MHD_Response* const bareResponse =
     withCommonHeaders(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
 
-// The library may leave the connection of a failed body open; the client must not wait for the rest.
-ssize_t breakOff(const Reply& reply) {
+// The next bytes of a body that is sent in parts; 0 at its end, or a negated error number.
+ssize_t readPart(Reply& reply, std::uint64_t position, char* buffer, std::size_t size) try {
+    if (auto* listing = std::get_if<Listing>(&reply.body)) {
+        const ssize_t count = readListing(*listing, buffer, size);
+        reply.length += std::max<ssize_t>(count, 0);
+        return count;
+    }
+    const auto* stream = std::get_if<Stream>(&reply.body);
+    return stream != nullptr ? readFrom(stream->file, buffer, size, stream->first + position) : 0;
+} catch (const std::bad_alloc&) {
+    return -ENOMEM;
+}
+
+// The library calls it for each part.
+ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_t size) {
+    auto& reply = *static_cast<Reply*>(context);
+    const ssize_t count = readPart(reply, position, buffer, size);
+    const bool isListing = std::holds_alternative<Listing>(reply.body);
+    if (count > 0 || (count == 0 && isListing)) {
+        return count > 0 ? count : MHD_CONTENT_READER_END_OF_STREAM;
+    }
+    if (count < 0) {
+        const int error = static_cast<int>(count);
+        report(isFailure(error) ? statusOf(error) : MHD_HTTP_INTERNAL_SERVER_ERROR, std::strerror(-error));
+    }
+    // The file has become shorter, or reading fails. The library may leave the connection of a failed body open; the
+    // client must not wait for the rest.
     shutdown(reply.socket, SHUT_RDWR);
     return MHD_CONTENT_READER_END_WITH_ERROR;
-}
-
-// These are the library's callbacks for replies that are sent in parts.
-
-ssize_t sendNothing(void* context, std::uint64_t, char*, std::size_t) {
-    return breakOff(*static_cast<const Reply*>(context));
-}
-
-// When the file becomes shorter meanwhile, the library's own sendfile would wait without end; this breaks off instead.
-ssize_t sendStream(void* context, std::uint64_t position, char* buffer, std::size_t size) {
-    const auto& reply = *static_cast<const Reply*>(context);
-    const auto& stream = std::get<Stream>(reply.body);
-    const ssize_t count = readFrom(stream.file, buffer, size, stream.first + position);
-    return count > 0 ? count : breakOff(reply);
-}
-
-ssize_t sendListing(void* context, std::uint64_t, char* buffer, std::size_t size) try {
-    auto& reply = *static_cast<Reply*>(context);
-    auto& listing = std::get<Listing>(reply.body);
-    if (listing.taken == listing.text.size()) {
-        if (listing.isComplete) {
-            return MHD_CONTENT_READER_END_OF_STREAM;
-        }
-        if (const int error = continueListing(listing); error != 0) {
-            report(isFailure(error) ? statusOf(error) : MHD_HTTP_INTERNAL_SERVER_ERROR, std::strerror(-error));
-            return breakOff(reply);
-        }
-    }
-    const std::size_t count = listing.text.copy(buffer, size, listing.taken);
-    listing.taken += count;
-    reply.length += count;
-    return static_cast<ssize_t>(count);
-} catch (const std::bad_alloc&) {
-    return breakOff(*static_cast<const Reply*>(context));
 }
 
 MHD_Response* fromBytes(std::uint64_t size, const char* bytes) {
     return MHD_create_response_from_buffer(size, const_cast<char*>(bytes), MHD_RESPMEM_PERSISTENT);
 }
 
-MHD_Response* inParts(Reply& reply, std::uint64_t length, MHD_ContentReaderCallback callback) {
-    return MHD_create_response_from_callback(length, std::min<std::uint64_t>(length, partSize), callback, &reply,
-                                             nullptr);
-}
-
 MHD_Response* responseFor(Reply& reply) {
-    if (const auto* text = std::get_if<std::string>(&reply.body); text != nullptr) {
+    if (const auto* text = std::get_if<std::string>(&reply.body)) {
         return fromBytes(text->size(), text->data());
     }
-    if (const auto* copy = std::get_if<Copy>(&reply.body); copy != nullptr) {
-        return fromBytes(reply.length, copy->bytes.get());
+    if (const auto* copy = std::get_if<Copy>(&reply.body)) {
+        return fromBytes(reply.length, copy->get());
     }
-    if (std::holds_alternative<Stream>(reply.body)) {
-        return inParts(reply, reply.length, sendStream);
+    if (std::holds_alternative<std::monostate>(reply.body)) {
+        return fromBytes(0, "");
     }
-    if (std::holds_alternative<Listing>(reply.body)) {
-        return inParts(reply, MHD_SIZE_UNKNOWN, sendListing);
-    }
-    return std::holds_alternative<BrokenOff>(reply.body) ? inParts(reply, 1, sendNothing) : fromBytes(0, "");
+    const std::uint64_t length = std::holds_alternative<Listing>(reply.body)     ? MHD_SIZE_UNKNOWN
+                                 : std::holds_alternative<BrokenOff>(reply.body) ? 1
+                                                                                 : reply.length;
+    return MHD_create_response_from_callback(length, std::min(length, partSize), sendPart, &reply, nullptr);
 }
 
 } // namespace

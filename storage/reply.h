@@ -1,12 +1,9 @@
 // The answer to a request, as a value, and how it is sent.
 #pragma once
 
-#include "storage/descriptor.h"
-#include "storage/listing.h"
-#include "storage/memory.h"
+#include "storage/json.h"
 
 #include <cstdint>
-#include <memory>
 #include <microhttpd.h>
 #include <string>
 #include <variant>
@@ -18,14 +15,10 @@ struct Header {
 };
 
 // A part of a file that has been read.
-struct Copy {
-    MemoryShare share;
-    std::unique_ptr<char[]> bytes;
-};
+using Copy = std::unique_ptr<char[]>;
 
 // A part of a file that is read while it is sent.
 struct Stream {
-    MemoryShare share;
     Descriptor file;
     std::uint64_t first;
 };

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
+#include <map>
 #include <microhttpd.h>
 #include <strings.h>
 
@@ -12,7 +13,6 @@ namespace {
 
 constexpr std::string_view actionNames[] = {"read",  "props", "statvfs", "create", "truncate",
                                             "write", "mkdir", "unlink",  "rmdir",  "rename"};
-constexpr std::string_view keys[] = {"action", "flags", "offset", "mode", "to", "replace"};
 
 bool isChange(Action action) {
     return action != Action::plain && action != Action::props && action != Action::statvfs;
@@ -58,43 +58,31 @@ bool decodePath(std::string_view encoded, std::string& path) {
     return path.find('\0') == std::string::npos;
 }
 
-// `seen` has a bit for each key that was there before. A proxy may take the first of two, so a second one is refused.
-bool parseParameter(std::string_view parameter, Target& target, unsigned& seen) {
-    const std::string_view key = takeUntil(parameter, '=');
-    const auto* known = std::find(std::begin(keys), std::end(keys), key);
-    const unsigned bit = known != std::end(keys) ? 1U << (known - keys) : 0;
-    if ((seen & bit) != 0) {
-        return false;
-    }
-    seen |= bit;
-    if (key == "action") {
-        const auto* name = std::find(std::begin(actionNames) + 1, std::end(actionNames), parameter);
-        target.action = static_cast<Action>(name - actionNames);
-        return name != std::end(actionNames);
-    }
-    if (key == "offset") {
-        return parseNumber(parameter, target.offset.emplace()) && *target.offset >= 0;
-    }
-    if (key == "mode") {
-        return parseNumber(parameter, target.mode.emplace());
-    }
-    target.replace |= key == "replace" && parameter == "1";
-    return key != "to" || decodePath(parameter, target.to.emplace());
-}
-
 bool parseQuery(std::string_view query, Target& target) {
-    const bool isPlain = query.empty();
+    std::map<std::string_view, std::string_view> values;
     if (query.find(';') != std::string_view::npos) { // where some proxies take a parameter to end
         return false;
     }
-    for (unsigned seen = 0; !query.empty();) {
-        if (!parseParameter(takeUntil(query, '&'), target, seen)) {
+    for (std::string_view rest = query; !rest.empty();) {
+        std::string_view value = takeUntil(rest, '&');
+        const std::string_view key = takeUntil(value, '=');
+        if (!values.emplace(key, value).second) { // a proxy may take the first of two
             return false;
         }
     }
+    const auto* action = query.empty()
+                             ? std::begin(actionNames)
+                             : std::find(std::begin(actionNames) + 1, std::end(actionNames), values["action"]);
+    target.action = static_cast<Action>(action - actionNames);
+    target.replace = values["replace"] == "1";
+    const bool hasOffset = values.contains("offset");
     const bool needsOffset = target.action == Action::truncate || target.action == Action::write;
-    return (isPlain || target.action != Action::plain) && (!needsOffset || target.offset) &&
-           (target.action != Action::rename || target.to);
+    const bool hasName = values.contains("to");
+    return action != std::end(actionNames) && (hasOffset || !needsOffset) &&
+           (hasName || target.action != Action::rename) &&
+           (!hasOffset || (parseNumber(values["offset"], target.offset.emplace()) && *target.offset >= 0)) &&
+           (!values.contains("mode") || parseNumber(values["mode"], target.mode.emplace())) &&
+           (!hasName || decodePath(values["to"], target.to.emplace()));
 }
 
 // Checks the headers that say where the body ends, and stores its length if they tell it. If they leave doubt, the rest
@@ -200,11 +188,8 @@ RangeKind parseRange(std::string_view text, std::uint64_t size, Range& range) {
         first = last != 0 ? size - std::min(last, size) : size;
         last = size;
     }
-    if (first >= size) {
-        return RangeKind::unsatisfiable;
-    }
-    range = {first, std::min(last, size - 1) - first + 1};
-    return RangeKind::part;
+    range = {first, first < size ? std::min(last, size - 1) - first + 1 : 0};
+    return first < size ? RangeKind::part : RangeKind::unsatisfiable;
 }
 
 std::string_view withoutAuthority(std::string_view text, std::string_view& authority) {

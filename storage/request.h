@@ -1,9 +1,8 @@
 // A request: what has arrived of it, and what it asks for.
 #pragma once
 
-#include "storage/descriptor.h"
-#include "storage/memory.h"
 #include "storage/options.h"
+#include "storage/resources.h"
 
 #include <cstdint>
 #include <optional>

@@ -29,27 +29,18 @@ bool syncsChanges = false;
 
 // Tries again on EAGAIN, with which the kernel answers when something was renamed during its walk below the directory.
 Descriptor openBeneath(const std::string& path, std::uint64_t flags) {
-    open_how how = {};
-    how.flags = flags | O_CLOEXEC;
-    how.resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS;
-    Descriptor opened;
-    for (int attempts = 0; attempts < maxAttempts; ++attempts) {
-        const char* name = path.empty() ? "." : path.c_str();
-        opened = Descriptor(static_cast<int>(syscall(SYS_openat2, tree.number, name, &how, sizeof how)));
-        if (opened.number != -EAGAIN && opened.number != -EINTR) {
-            break;
-        }
+    const open_how how = {.flags = flags | O_CLOEXEC, .resolve = RESOLVE_BENEATH | RESOLVE_NO_MAGICLINKS};
+    const char* const name = path.empty() ? "." : path.c_str();
+    long opened = -EAGAIN;
+    for (int attempts = 0; attempts < maxAttempts && (opened == -EAGAIN || opened == -EINTR); ++attempts) {
+        opened = resultOf(syscall(SYS_openat2, tree.number, name, &how, sizeof how));
     }
-    return opened;
+    return Descriptor(static_cast<int>(opened));
 }
 
 // True when there is an entry at `path`, be it a link that leads nowhere.
 bool isEntry(const std::string& path) {
     return openBeneath(path, O_PATH | O_NOFOLLOW).number >= 0;
-}
-
-int resultOf(int outcome) {
-    return outcome == 0 ? 0 : -errno;
 }
 
 // The outcome of a call with an open file. Whether the file may be used was decided when it was opened, so "not found"
@@ -58,7 +49,7 @@ int resultOfOpen(ssize_t outcome) {
     return outcome >= 0 ? 0 : errno == EINVAL || isFailure(errno) ? -errno : -EIO;
 }
 
-bool isAscii(const std::string& text) {
+bool isAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
 
@@ -144,14 +135,12 @@ int openTree(const char* directory, bool sync) {
     newFileMode &= ~mask;
     newDirectoryMode &= ~mask;
     syncsChanges = sync;
-    tree = Descriptor(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC));
-    ownDescriptors = Descriptor(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC));
-    struct stat st;
-    const int found = tree.number < 0             ? tree.number
-                      : ownDescriptors.number < 0 ? ownDescriptors.number
-                                                  : lookUp("", st).number;
-    treeHasLinks = found >= 0 && st.st_nlink > 0;
-    return std::min(found, 0);
+    tree = Descriptor(resultOf(open(directory, O_PATH | O_DIRECTORY | O_CLOEXEC)));
+    ownDescriptors = Descriptor(resultOf(open("/proc/self/fd", O_PATH | O_DIRECTORY | O_CLOEXEC)));
+    struct stat st = {};
+    const int found = tree.number < 0 ? tree.number : lookUp("", st).number;
+    treeHasLinks = st.st_nlink > 0;
+    return std::min({found, ownDescriptors.number, 0});
 }
 
 bool isTreeGone() {
@@ -170,9 +159,9 @@ Descriptor lookUp(const std::string& path, struct stat& st) {
     }
     const int known = found.number < 0 ? found.number : resultOfOpen(fstat(found.number, &st));
     if (known != 0 || (path.empty() && isTreeGone())) {
-        return notOpened(known != 0 ? known : -EIO);
+        return Descriptor(known != 0 ? known : -EIO);
     }
-    return isShown(st) ? std::move(found) : notOpened(-ENOENT);
+    return isShown(st) ? std::move(found) : Descriptor(-ENOENT);
 }
 
 Descriptor openInTree(const std::string& path, int access, struct stat& st) {
@@ -181,12 +170,13 @@ Descriptor openInTree(const std::string& path, int access, struct stat& st) {
         return found;
     }
     if (access == O_RDONLY ? S_ISFIFO(st.st_mode) : !S_ISREG(st.st_mode) || isKernelState(found)) {
-        return notOpened(-EPERM);
+        return Descriptor(-EPERM);
     }
     // What was found is opened itself, whatever has its name now.
-    Descriptor opened(openat(ownDescriptors.number, std::to_string(found.number).c_str(), access | O_CLOEXEC));
-    const int known = opened.number < 0 ? opened.number : resultOfOpen(fstat(opened.number, &st));
-    return known != 0 ? notOpened(known) : std::move(opened);
+    const std::string own = std::to_string(found.number);
+    Descriptor opened(resultOf(openat(ownDescriptors.number, own.c_str(), access | O_CLOEXEC)));
+    const int known = opened.number < 0 ? 0 : resultOfOpen(fstat(opened.number, &st));
+    return known != 0 ? Descriptor(known) : std::move(opened);
 }
 
 ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset) {
@@ -222,12 +212,12 @@ int truncateInTree(const std::string& path, std::int64_t size) {
 }
 
 int createInTree(const std::string& path, std::optional<unsigned> mode) {
-    if (!isUtf8(path.c_str())) {
+    if (!isUtf8(path)) {
         return -EINVAL;
     }
     const int result = changeEntry(path, [mode](int directory, const char* name) {
-        Descriptor file(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
-                               (mode.value_or(newFileMode) & permissionBits) | ownersBits));
+        Descriptor file(resultOf(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+                                        (mode.value_or(newFileMode) & permissionBits) | ownersBits)));
         const int synced = file.number < 0 ? file.number : syncDescriptor(file, fsync);
         return synced != 0 ? synced : closeFile(file);
     });
@@ -240,7 +230,7 @@ int createInTree(const std::string& path, std::optional<unsigned> mode) {
 }
 
 int makeDirectoryInTree(const std::string& path) {
-    return !isUtf8(path.c_str()) ? -EINVAL : changeEntry(path, [](int directory, const char* name) {
+    return !isUtf8(path) ? -EINVAL : changeEntry(path, [](int directory, const char* name) {
         return resultOf(mkdirat(directory, name, newDirectoryMode));
     });
 }
@@ -254,7 +244,7 @@ int removeInTree(const std::string& path, int flags) {
 }
 
 int renameInTree(const std::string& from, const std::string& to, bool replace) {
-    if (!isUtf8(to.c_str())) {
+    if (!isUtf8(to)) {
         return -EINVAL;
     }
     struct stat st;
@@ -275,15 +265,8 @@ int renameInTree(const std::string& from, const std::string& to, bool replace) {
     });
 }
 
-bool isUtf8(const char* text) {
-    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text);
-    while (*bytes != 0) {
-        utf8proc_int32_t codePoint = 0;
-        const utf8proc_ssize_t length = utf8proc_iterate(bytes, -1, &codePoint);
-        if (length < 0) {
-            return false;
-        }
-        bytes += length;
-    }
-    return true;
+bool isUtf8(std::string_view text) {
+    const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+    // Without a buffer it only looks.
+    return isAscii(text) || utf8proc_decompose(bytes, static_cast<utf8proc_ssize_t>(text.size()), nullptr, 0, {}) >= 0;
 }

@@ -3,7 +3,7 @@
 // returns a negated error number; -EIO also stands for what looks like an answer, but comes from a disk that is gone.
 #pragma once
 
-#include "storage/descriptor.h"
+#include "storage/resources.h"
 
 #include <cstdint>
 #include <optional>
@@ -56,4 +56,4 @@ int removeInTree(const std::string& path, int flags);
 int renameInTree(const std::string& from, const std::string& to, bool replace);
 
 // True when `text` is valid UTF-8.
-bool isUtf8(const char* text);
+bool isUtf8(std::string_view text);

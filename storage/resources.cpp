@@ -1,4 +1,4 @@
-#include "storage/memory.h"
+#include "storage/resources.h"
 
 #include <chrono>
 #include <condition_variable>
