@@ -141,8 +141,10 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
         }
         const auto found = users.find(name);
         const bool isThere = found != users.end();
-        // Without such a name it checks another user's password, so that the time does not tell.
-        const User& candidate = isThere ? found->second : users.begin()->second;
+        // Without such a name it checks the password of a user that depends on the name, so that the time does not
+        // tell.
+        const User& candidate =
+            (isThere ? found : std::next(users.begin(), digestOf(name).front() % users.size()))->second;
         const bool isSame = gnutls_memcmp(digest.data(), candidate.known.data(), digest.size()) == 0;
         if (isThere && candidate.isKnown && isSame) {
             user = name;

@@ -58,11 +58,13 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
         clients.try_emplace(socket.number);
     }
     const int added = std::exchange(socket.number, -1); // the library closes it
-    if (MHD_add_connection(daemon, added, place, length) != MHD_YES) {
-        const std::lock_guard lock(clientsMutex);
-        clients.erase(added);
+    if (MHD_add_connection(daemon, added, place, length) == MHD_YES) {
+        return 0;
     }
-    return 0;
+    const int error = errno;
+    const std::lock_guard lock(clientsMutex);
+    clients.erase(added);
+    return error == EAGAIN || error == ENOMEM ? -ENOMEM : 0; // there is no memory for a thread, or it is one too many
 } catch (const std::bad_alloc&) {
     return -ENOMEM;
 }

@@ -85,9 +85,6 @@ void takeBody(Request& request, std::string_view piece) {
 }
 
 MHD_Result finish(MHD_Connection* connection, Exchange& exchange) {
-    if (exchange.request.admitted) {
-        enter(connection, Phase::served);
-    }
     if (exchange.request.refusal != 0) {
         exchange.reply = refuse(exchange.request, exchange.request.refusal);
     } else if (exchange.reply.status == 0) {
@@ -108,6 +105,9 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
         return sendShortage(connection, reply);
     }
     const bool isLast = exchange->hasBegun && piece.empty();
+    if (isLast && phaseOf(connection) == Phase::sending) {
+        enter(connection, Phase::served);
+    }
     try {
         if (!exchange->hasBegun) {
             return begin(connection, method, version, *exchange);
