@@ -1,23 +1,19 @@
 #include "storage/access.h"
 
-#include "storage/trouble.h"
+#include "storage/log.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <array>
 #include <atomic>
 #include <crypt.h>
-#include <fcntl.h>
 #include <gnutls/crypto.h>
 #include <map>
 #include <memory>
 #include <microhttpd.h>
 #include <mutex>
-#include <new>
 #include <sstream>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <system_error>
 
 namespace {
 
@@ -34,25 +30,25 @@ struct User {
 };
 
 std::mutex usersMutex;
-std::map<std::string, User> users; // guarded by usersMutex; empty where nobody needs a name
-std::mutex hashingMutex;           // one at a time: strangers can ask for it, and it takes megabytes
-std::atomic<unsigned> turns = 0;
+std::map<std::string, User> users;  // guarded by usersMutex; empty where nobody needs a name
+std::mutex hashingMutex;            // one at a time: strangers can ask for it, and it takes megabytes
+std::atomic<unsigned> turns = 0;    // of requests that wait for hashingMutex or have it
 constexpr unsigned mostTurns = 256; // more requests with wrong passwords would take all connections
 
-// Of a request that waits for hashingMutex or has it.
-struct Turn {
-    const unsigned number = ++turns;
-    ~Turn() {
-        --turns;
+void endTurn(unsigned number) {
+    turns -= number != 0 ? 1 : 0;
+}
+
+template <std::size_t length> std::array<unsigned char, length> randomBytes() {
+    std::array<unsigned char, length> random;
+    if (gnutls_rnd(GNUTLS_RND_KEY, random.data(), random.size()) < 0) {
+        throw std::runtime_error("no random numbers are available");
     }
-};
+    return random;
+}
 
 Digest digestOf(std::string_view password) {
-    static const Digest key = [] {
-        Digest random = {};
-        gnutls_rnd(GNUTLS_RND_KEY, random.data(), random.size());
-        return random;
-    }();
+    static const auto key = randomBytes<sizeof(Digest)>();
     Digest digest = {};
     gnutls_hmac_fast(GNUTLS_MAC_SHA256, key.data(), key.size(), password.data(), password.size(), digest.data());
     return digest;
@@ -69,10 +65,7 @@ bool fits(const std::string& password, const std::string& hash) {
 }
 
 std::string makeSecret() {
-    std::array<unsigned char, secretLength> random;
-    if (gnutls_rnd(GNUTLS_RND_KEY, random.data(), random.size()) < 0) {
-        throw std::runtime_error("no random numbers are available");
-    }
+    auto random = randomBytes<secretLength>();
     random.back() &= 0x30; // the last of 22 characters carries the last two of 128 bits
     std::string secret;
     for (const unsigned char byte : random) {
@@ -81,22 +74,17 @@ std::string makeSecret() {
     return secret;
 }
 
-// Splits credentials of basic authentication, which are in base64.
-bool decode(std::string_view credentials, std::string& name, std::string& password) {
-    const gnutls_datum_t encoded = {reinterpret_cast<unsigned char*>(const_cast<char*>(credentials.data())),
-                                    static_cast<unsigned>(credentials.size())};
+// Decodes base64; empty if it is none.
+std::string decode(std::string_view text) {
+    const gnutls_datum_t encoded = {reinterpret_cast<unsigned char*>(const_cast<char*>(text.data())),
+                                    static_cast<unsigned>(text.size())};
     gnutls_datum_t decoded = {};
-    if (credentials.empty() || gnutls_base64_decode2(&encoded, &decoded) != 0) {
-        return false;
+    if (text.empty() || gnutls_base64_decode2(&encoded, &decoded) != 0) {
+        return "";
     }
-    name.assign(reinterpret_cast<char*>(decoded.data), decoded.size);
+    std::string result(reinterpret_cast<char*>(decoded.data), decoded.size);
     gnutls_free(decoded.data);
-    const std::size_t colon = name.find(':');
-    if (colon != std::string::npos) {
-        password = name.substr(colon + 1);
-        name.resize(colon);
-    }
-    return colon != std::string::npos;
+    return result;
 }
 
 bool isHash(std::string_view password) {
@@ -128,12 +116,14 @@ std::string readUser(std::string_view line, std::map<std::string, User>& found, 
 }
 
 unsigned checkUser(std::string_view credentials, std::string& user, bool& readOnly) {
-    std::string name;
-    std::string password;
-    const bool isDecoded = decode(credentials, name, password);
+    const std::string decoded = decode(credentials);
+    const std::size_t colon = decoded.find(':');
+    const bool isDecoded = colon != std::string::npos;
+    const std::string name = decoded.substr(0, colon);
+    const std::string password = isDecoded ? decoded.substr(colon + 1) : "";
     const Digest digest = isDecoded ? digestOf(password) : Digest();
     std::unique_lock hashing(hashingMutex, std::defer_lock);
-    std::optional<Turn> turn;
+    Owner<unsigned, 0, endTurn> turn;
     for (;;) {
         std::unique_lock lock(usersMutex);
         if (users.empty() || !isDecoded) {
@@ -156,8 +146,9 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
         if (hash.empty()) {
             return MHD_HTTP_UNAUTHORIZED;
         }
-        if (!turn) {
-            if (turn.emplace().number > mostTurns) {
+        if (turn.number == 0) {
+            turn.number = ++turns;
+            if (turn.number > mostTurns) {
                 report(0, "too many passwords to check");
                 return MHD_HTTP_SERVICE_UNAVAILABLE;
             }
@@ -200,11 +191,6 @@ bool isOwnHost(const Options& options, std::string_view host) {
 bool isFromBrowser(std::string_view name, std::string_view value) {
     return isSameName(name, "Origin") || isSameName(name, "Referer") || isSameName(name, "Cookie") ||
            (isSameName(name, "Sec-Fetch-Site") && value != "none");
-}
-
-// Compares in constant time: how long it takes depends only on the lengths.
-bool isSame(std::string_view given, std::string_view expected) {
-    return given.size() == expected.size() && gnutls_memcmp(given.data(), expected.data(), given.size()) == 0;
 }
 
 } // namespace
@@ -272,7 +258,8 @@ unsigned admit(const RequestHead& head, const Options& options, Request& request
     if (isMisdirected) {
         return MHD_HTTP_MISDIRECTED_REQUEST;
     }
-    if (!isSame(path.substr(0, options.base.size()), options.base)) {
+    const std::string& base = options.base; // with the secret, so it is compared in constant time
+    if (path.size() < base.size() || gnutls_memcmp(path.data(), base.data(), base.size()) != 0) {
         return MHD_HTTP_NOT_FOUND;
     }
     constexpr std::string_view scheme = "Basic ";

@@ -1,15 +1,8 @@
 #include "storage/answer.h"
 
 #include "storage/json.h"
+#include "storage/log.h"
 #include "storage/tree.h"
-#include "storage/trouble.h"
-
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
-#include <microhttpd.h>
-#include <sys/statvfs.h>
 
 namespace {
 

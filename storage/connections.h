@@ -1,10 +1,10 @@
-// The connections of the service: how they are accepted, and when they are ended.
+// The connections of the service: how they are accepted, the certificate that they show, and when they are ended.
 #pragma once
 
-#include "storage/resources.h"
+#include "storage/system.h"
 
+#include <gnutls/abstract.h>
 #include <microhttpd.h>
-#include <vector>
 
 // A stranger has not shown yet that it has access; its time runs from the beginning of the connection. Of a client that
 // sends, a request is under way. One that is served has no limit here; the library ends it when there is no traffic.
@@ -27,3 +27,12 @@ void onConnection(void*, MHD_Connection* connection, void** context, MHD_Connect
 
 void enter(MHD_Connection* connection, Phase phase);
 Phase phaseOf(MHD_Connection* connection);
+
+// Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. If
+// something is wrong, that is thrown in words, and the certificate that was read before stays in use.
+void readCertificate(const std::string& certificateFile, const std::string& keyFile);
+
+// The callback for MHD_OPTION_HTTPS_CERT_CALLBACK: gives the certificate that was read last.
+int chooseCertificate(gnutls_session_t session, const gnutls_datum_t* authorities, int authorityCount,
+                      const gnutls_pk_algorithm_t* algorithms, int algorithmCount, gnutls_pcert_st** chain,
+                      unsigned* chainLength, gnutls_privkey_t* key);

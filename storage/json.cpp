@@ -1,14 +1,11 @@
 #include "storage/json.h"
 
+#include "storage/log.h"
 #include "storage/tree.h"
-#include "storage/trouble.h"
 
-#include <algorithm>
 #include <charconv>
 #include <cstdio>
-#include <fcntl.h>
 #include <initializer_list>
-#include <string_view>
 
 namespace {
 
@@ -131,7 +128,7 @@ int beginListing(Descriptor directory, const std::string& path, Listing& listing
     return continueListing(listing);
 }
 
-ssize_t readListing(Listing& listing, char* bytes, std::size_t size) {
+ssize_t readListing(Listing& listing, char* bytes, std::size_t size) try {
     if (listing.taken == listing.text.size() && !listing.isComplete) {
         listing.text.clear();
         listing.taken = 0;
@@ -142,4 +139,6 @@ ssize_t readListing(Listing& listing, char* bytes, std::size_t size) {
     const std::size_t count = listing.text.copy(bytes, size, listing.taken);
     listing.taken += count;
     return static_cast<ssize_t>(count);
+} catch (const std::bad_alloc&) {
+    return -ENOMEM;
 }

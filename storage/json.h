@@ -1,12 +1,10 @@
 // The JSON that the server answers with.
 #pragma once
 
-#include "storage/resources.h"
+#include "storage/system.h"
 
-#include <cstdint>
 #include <dirent.h>
 #include <memory>
-#include <string>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 

@@ -1,15 +1,11 @@
 #include "storage/listeners.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <netdb.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <system_error>
 
 namespace {
 
@@ -33,48 +29,42 @@ Address addressOf(const Descriptor& listener) {
     return address;
 }
 
+bool setOption(int listener, int level, int option, int value) {
+    return setsockopt(listener, level, option, &value, sizeof value) == 0;
+}
+
 // `raw` are the bytes of a socket address.
 Descriptor listenOn(const std::string& raw, in_port_t port) {
     Address address = {.local = {}};
     std::memcpy(&address, raw.data(), raw.size());
     address.v4.sin_port = port != 0 ? port : address.v4.sin_port;
-    const int on = 1;
+    const bool isV6 = address.any.sa_family == AF_INET6;
     Descriptor made(resultOf(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
-    const bool isListening = setsockopt(made.number, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer) == 0 &&
-                             setsockopt(made.number, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-                             (address.any.sa_family != AF_INET6 ||
-                              setsockopt(made.number, IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof on) == 0) &&
+    const bool isListening = setOption(made.number, SOL_SOCKET, SO_SNDBUF, sendBuffer) &&
+                             setOption(made.number, SOL_SOCKET, SO_REUSEADDR, 1) &&
+                             (!isV6 || setOption(made.number, IPPROTO_IPV6, IPV6_V6ONLY, 1)) &&
                              bind(made.number, &address.any, raw.size()) == 0 && listen(made.number, backlog) == 0;
     return isListening || made.number < 0 ? std::move(made) : Descriptor(-errno);
 }
 
-// The addresses of all names, each once.
-std::vector<std::string> resolve(const std::vector<std::string>& names, const std::string& port) {
-    std::vector<std::string> literals;
-    for (const std::string& name : names) {
-        // localhost has two addresses, whatever the hosts file says, because clients try both.
-        if (name == "localhost" || name == "::") {
-            literals.emplace_back(name == "::" ? "0.0.0.0" : "127.0.0.1");
-        }
-        literals.push_back(name == "localhost" ? "::1" : name);
+// Adds the addresses of `name` that are not there yet.
+void resolve(const std::string& name, const std::string& port, std::vector<std::string>& addresses) {
+    // localhost has two addresses, whatever the hosts file says, because clients try both.
+    if (name == "localhost" || name == "::") {
+        resolve(name == "::" ? "0.0.0.0" : "127.0.0.1", port, addresses);
     }
-    std::vector<std::string> addresses;
-    for (const std::string& literal : literals) {
-        addrinfo hints = {};
-        hints.ai_flags = AI_PASSIVE;
-        hints.ai_socktype = SOCK_STREAM;
-        addrinfo* found = nullptr;
-        if (getaddrinfo(literal.c_str(), port.c_str(), &hints, &found) == 0) {
-            for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
-                const std::string raw(reinterpret_cast<const char*>(each->ai_addr), each->ai_addrlen);
-                if (std::find(addresses.begin(), addresses.end(), raw) == addresses.end()) {
-                    addresses.push_back(raw);
-                }
-            }
-            freeaddrinfo(found);
+    const addrinfo hints = {.ai_flags = AI_PASSIVE, .ai_socktype = SOCK_STREAM};
+    addrinfo* found = nullptr;
+    if (getaddrinfo(name == "localhost" ? "::1" : name.c_str(), port.c_str(), &hints, &found) != 0) {
+        return;
+    }
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        const std::string raw(reinterpret_cast<const char*>(each->ai_addr), each->ai_addrlen);
+        if (std::find(addresses.begin(), addresses.end(), raw) == addresses.end()) {
+            addresses.push_back(raw);
         }
     }
-    return addresses;
+    freeaddrinfo(found);
 }
 
 // Listens with the port that the first address gets. Returns 0 or a negated error number.
@@ -104,14 +94,17 @@ std::vector<Descriptor> inheritListeners() {
             const int listener = listeners.emplace_back(firstInherited + i).number;
             fcntl(listener, F_SETFD, FD_CLOEXEC);
             fcntl(listener, F_SETFL, fcntl(listener, F_GETFL) | O_NONBLOCK);
-            setsockopt(listener, SOL_SOCKET, SO_SNDBUF, &sendBuffer, sizeof sendBuffer);
+            setOption(listener, SOL_SOCKET, SO_SNDBUF, sendBuffer);
         }
     }
     return listeners;
 }
 
 std::vector<Descriptor> openListeners(const std::vector<std::string>& names, const std::string& port) {
-    const std::vector<std::string> addresses = resolve(names, port);
+    std::vector<std::string> addresses;
+    for (const std::string& name : names) {
+        resolve(name, port, addresses);
+    }
     std::vector<Descriptor> listeners;
     int error = -EADDRINUSE;
     // A port that is free for one address can be taken for another.

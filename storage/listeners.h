@@ -1,10 +1,7 @@
 // The sockets that listen for clients.
 #pragma once
 
-#include "storage/resources.h"
-
-#include <string>
-#include <vector>
+#include "storage/system.h"
 
 // The sockets that the service manager has opened (sd_listen_fds(3)); none if it has not.
 std::vector<Descriptor> inheritListeners();

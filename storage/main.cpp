@@ -1,29 +1,20 @@
 // kelvane_storage: serves a local directory to kelvane_vfs.
 #include "storage/access.h"
-#include "storage/certificate.h"
 #include "storage/connections.h"
 #include "storage/listeners.h"
+#include "storage/log.h"
 #include "storage/options.h"
-#include "storage/request_log.h"
 #include "storage/service.h"
 #include "storage/tree.h"
-#include "storage/trouble.h"
 
-#include <algorithm>
 #include <csignal>
-#include <cstddef>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <fcntl.h>
 #include <malloc.h>
-#include <new>
-#include <string_view>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <system_error>
 
 namespace {
 
@@ -76,15 +67,12 @@ bool hasTerminal() {
 // Tells the service manager that the server is ready, if it asks for that (sd_notify(3)).
 void notifyManager() {
     const char* name = std::getenv("NOTIFY_SOCKET");
-    sockaddr_un manager = {};
-    manager.sun_family = AF_UNIX;
+    sockaddr_un manager = {.sun_family = AF_UNIX};
     if (name == nullptr || std::strlen(name) >= sizeof manager.sun_path) {
         return;
     }
     std::strcpy(manager.sun_path, name);
-    if (*name == '@') { // an abstract address
-        manager.sun_path[0] = '\0';
-    }
+    manager.sun_path[0] = *name == '@' ? '\0' : *name; // an abstract address
     const std::string_view message = "READY=1";
     const Descriptor sender(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     sendto(sender.number, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&manager),

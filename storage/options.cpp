@@ -1,14 +1,10 @@
 #include "storage/options.h"
 
-#include <algorithm>
-#include <cerrno>
 #include <charconv>
-#include <cstdint>
 #include <cstdio>
 #include <getopt.h>
 #include <memory>
 #include <sys/stat.h>
-#include <system_error>
 #include <variant>
 
 namespace {

@@ -1,8 +1,7 @@
 // The command line, and the small files that it names. What is wrong with them is thrown in words.
 #pragma once
 
-#include <string>
-#include <vector>
+#include "storage/system.h"
 
 enum ExitStatus { success = 0, failure = 1, wrongUsage = 2 };
 

@@ -1,13 +1,9 @@
 #include "storage/reply.h"
 
+#include "storage/log.h"
 #include "storage/request.h"
 #include "storage/tree.h"
-#include "storage/trouble.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <new>
 #include <sys/socket.h>
 
 namespace {
@@ -28,29 +24,23 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
 MHD_Response* const bareResponse =
     withCommonHeaders(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
 
-// The next bytes of a body that is sent in parts; 0 at its end, or a negated error number.
-ssize_t readPart(Reply& reply, std::uint64_t position, char* buffer, std::size_t size) try {
-    if (auto* listing = std::get_if<Listing>(&reply.body)) {
-        const ssize_t count = readListing(*listing, buffer, size);
-        reply.length += std::max<ssize_t>(count, 0);
-        return count;
-    }
-    const auto* stream = std::get_if<Stream>(&reply.body);
-    return stream != nullptr ? readFrom(stream->file, buffer, size, stream->first + position) : 0;
-} catch (const std::bad_alloc&) {
-    return -ENOMEM;
-}
-
-// The library calls it for each part.
+// The library calls it for each part of a body that is sent in parts.
 ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_t size) {
     auto& reply = *static_cast<Reply*>(context);
-    const ssize_t count = readPart(reply, position, buffer, size);
-    const bool isListing = std::holds_alternative<Listing>(reply.body);
-    if (count > 0 || (count == 0 && isListing)) {
-        return count > 0 ? count : MHD_CONTENT_READER_END_OF_STREAM;
+    ssize_t count = 0;
+    if (const auto* stream = std::get_if<Stream>(&reply.body)) {
+        count = readFrom(stream->file, buffer, size, stream->first + position);
+    } else if (auto* listing = std::get_if<Listing>(&reply.body)) {
+        count = readListing(*listing, buffer, size);
+        if (count == 0) {
+            return MHD_CONTENT_READER_END_OF_STREAM;
+        }
+        reply.length += count;
     }
-    if (count < 0) {
-        const int error = static_cast<int>(count);
+    if (count > 0) {
+        return count;
+    }
+    if (const int error = static_cast<int>(count); error != 0) {
         report(isFailure(error) ? statusOf(error) : MHD_HTTP_INTERNAL_SERVER_ERROR, std::strerror(-error));
     }
     // The file has become shorter, or reading fails. The library may leave the connection of a failed body open; the

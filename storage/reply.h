@@ -3,11 +3,8 @@
 
 #include "storage/json.h"
 
-#include <cstdint>
 #include <microhttpd.h>
-#include <string>
 #include <variant>
-#include <vector>
 
 struct Header {
     const char* name;

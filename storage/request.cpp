@@ -2,7 +2,6 @@
 
 #include "storage/access.h"
 
-#include <algorithm>
 #include <arpa/inet.h>
 #include <charconv>
 #include <map>

@@ -2,14 +2,8 @@
 #pragma once
 
 #include "storage/options.h"
-#include "storage/resources.h"
 
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 // Request line and headers as they arrived.
 struct RequestHead {

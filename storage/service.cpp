@@ -1,17 +1,12 @@
 #include "storage/service.h"
 
 #include "storage/answer.h"
-#include "storage/certificate.h"
 #include "storage/connections.h"
-#include "storage/request_log.h"
-#include "storage/trouble.h"
+#include "storage/log.h"
 
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <climits>
-#include <cstring>
-#include <new>
 #include <thread>
 
 namespace {

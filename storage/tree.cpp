@@ -1,17 +1,11 @@
 #include "storage/tree.h"
 
 #include "InformFinder/normal_form.h"
-#include "storage/trouble.h"
 
-#include <algorithm>
-#include <cerrno>
-#include <cstring>
-#include <fcntl.h>
 #include <linux/magic.h>
 #include <linux/openat2.h>
 #include <sys/syscall.h>
 #include <sys/vfs.h>
-#include <unistd.h>
 #include <utf8proc.h>
 
 namespace {

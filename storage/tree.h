@@ -3,12 +3,9 @@
 // returns a negated error number; -EIO also stands for what looks like an answer, but comes from a disk that is gone.
 #pragma once
 
-#include "storage/resources.h"
+#include "storage/system.h"
 
-#include <cstdint>
 #include <optional>
-#include <string>
-#include <string_view>
 #include <sys/stat.h>
 #include <sys/types.h>
 

@@ -1,10 +1,17 @@
-// The log of requests, one line for each.
+// What the server tells its operator: lines on standard error, and the log of requests, a line for each.
 #pragma once
 
-#include "storage/reply.h"
-#include "storage/request.h"
+#include "storage/system.h"
 
-#include <sys/socket.h>
+struct Reply;
+struct Request;
+struct sockaddr;
+
+void say(const std::string& text);
+
+// Says that requests fail with a status from 500 on, or (0) that clients have to wait; each at most once a minute. It
+// needs no memory.
+void report(unsigned status, const char* detail);
 
 // Opens `file` ("-" is standard output) to append to it, or throws std::system_error. Called again, it opens the file
 // anew, so that a log that was renamed is continued under its old name.

@@ -1,14 +1,15 @@
-#include "storage/request_log.h"
+#include "storage/log.h"
+
+#include "storage/reply.h"
+#include "storage/request.h"
 
 #include <arpa/inet.h>
 #include <atomic>
 #include <cctype>
+#include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <fcntl.h>
 #include <netinet/in.h>
-#include <new>
-#include <system_error>
 
 namespace {
 
@@ -28,15 +29,33 @@ std::string encoded(std::string_view text) {
 
 std::string addressText(const sockaddr* address) {
     char text[INET6_ADDRSTRLEN] = "";
-    if (address->sa_family == AF_INET) {
-        inet_ntop(AF_INET, &reinterpret_cast<const sockaddr_in*>(address)->sin_addr, text, sizeof text);
-    } else if (address->sa_family == AF_INET6) {
-        inet_ntop(AF_INET6, &reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr, text, sizeof text);
-    }
+    const void* const bytes = address->sa_family == AF_INET6
+                                  ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr)
+                                  : &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
+    inet_ntop(address->sa_family, bytes, text, sizeof text); // nothing for a Unix socket
     return text;
 }
 
 } // namespace
+
+void say(const std::string& text) {
+    std::fprintf(stderr, "kelvane_storage: %s\n", text.c_str());
+}
+
+void report(unsigned status, const char* detail) {
+    using Clock = std::chrono::steady_clock;
+    static std::atomic<Clock::time_point> dues[9] = {}; // from 500 on, and that of the crowd
+    std::atomic<Clock::time_point>& due = dues[status == 0 ? 8 : status - MHD_HTTP_INTERNAL_SERVER_ERROR];
+    const Clock::time_point now = Clock::now();
+    Clock::time_point expected = due;
+    if (now >= expected && due.compare_exchange_strong(expected, now + std::chrono::minutes(1))) {
+        const char* what = status == 507   ? "the disk is full"
+                           : status == 503 ? "memory or descriptors are short"
+                           : status == 500 ? "the disk fails"
+                                           : "clients have to wait";
+        std::fprintf(stderr, "kelvane_storage: %s: %s\n", what, detail);
+    }
+}
 
 void openLog(const std::string& file) {
     Descriptor opened(file == "-" ? fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 0)

@@ -1,0 +1,57 @@
+// What every part needs of the system: the results of its calls and what they mean for a request, open files, and the
+// memory of bodies. Clients make the server hold bodies, uploads until they are complete and replies until they are
+// sent. Together they have one budget.
+#pragma once
+
+#include <algorithm>
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <fcntl.h>
+#include <new>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+#include <vector>
+
+// What a system call has returned, or the negated error number.
+template <typename Number> Number resultOf(Number returned) {
+    return returned >= 0 ? returned : -errno;
+}
+
+// The HTTP status for an error number, negated or not.
+unsigned statusOf(int error);
+
+// True for errors that say nothing about the request: the disk fails or is full, or memory or descriptors are short.
+bool isFailure(int error);
+
+// A number that stands for something, which is given back at its owner's end.
+template <typename Number, Number none, void (*giveBack)(Number)> struct Owner {
+    Number number = none;
+
+    Owner() = default;
+    explicit Owner(Number owned) : number(owned) {}
+    Owner(Owner&& other) noexcept : number(std::exchange(other.number, none)) {}
+    Owner& operator=(Owner&& other) noexcept {
+        std::swap(number, other.number);
+        return *this;
+    }
+    ~Owner() {
+        giveBack(number);
+    }
+};
+
+void closeDescriptor(int number);
+void returnMemory(std::size_t bytes);
+
+// An open file descriptor; a negated error number where nothing is open.
+using Descriptor = Owner<int, -EBADF, closeDescriptor>;
+
+// Bytes of the budget.
+using MemoryShare = Owner<std::size_t, 0, returnMemory>;
+
+// Adds `bytes` to `share`. Waits up to ten seconds while the budget is used up, then throws std::bad_alloc.
+void takeMemory(MemoryShare& share, std::size_t bytes);
