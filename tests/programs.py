@@ -1,22 +1,21 @@
-"""What tests, benchmarks and scripts share: programs that end with their starter, a served directory, a mounted disk,
-name spaces, certificates, and a directory to work in."""
+"""What tests, benchmarks and scripts share: programs that end with their starter, servers, disks, name spaces, and a
+directory to work in."""
 import contextlib
 import ctypes
 import os
-import re
-import shutil
 import signal
 import subprocess
 import sys
 import tempfile
 import time
+import traceback
 import unittest
 from typing import Callable, Iterator, Sequence
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BIN = os.environ.get("KELVANE_BIN", TOP + "/build/run")
 STORAGE, VFS = BIN + "/kelvane_storage", BIN + "/kelvane_vfs"
-PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER, MNT_DETACH = 1, 36, 2
+PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 NEW_MOUNTS, NEW_USERS, NEW_PROCESSES, NEW_NETWORK = 0x20000, 0x10000000, 0x20000000, 0x40000000
 libc = ctypes.CDLL(None, use_errno=True)
 
@@ -37,31 +36,27 @@ class Program(subprocess.Popen):
     def __init__(self, command: Sequence[object], log: str, **options):
         self.command, self.log, self.url = [str(word) for word in command], str(log), ""
         with open(self.log + ".out", "wb") as out, open(self.log + ".err", "wb") as err:
-            super().__init__(["setpriv", "--pdeathsig", "KILL", *self.command],
-                             **{"stdin": subprocess.DEVNULL, "stdout": out, "stderr": err, "start_new_session": True,
-                                **options})
+            super().__init__(["setpriv", "--pdeathsig", "KILL", *self.command], stdin=subprocess.DEVNULL, stdout=out,
+                             stderr=err, start_new_session=True, **options)
         running.append(self)
 
-    def output(self) -> str:
-        """The end of what it has written."""
-        return "".join(text(self.log + name)[-5000:] for name in (".out", ".err") if os.path.isfile(self.log + name))
-
     def failure(self, reason: str) -> Failure:
-        return Failure(f"{' '.join(self.command)[:300]}: {reason}\n{self.output()}")
+        output = "".join(text(self.log + name)[-5000:] for name in (".out", ".err"))
+        return Failure(f"{' '.join(self.command)[:300]}: {reason}\n{output}")
 
     def finish(self, status: int | None = 0, seconds: float | None = None) -> None:
         """Waits for its end; after the seconds it is killed. A Failure if its status is not the given one."""
-        try:
+        with contextlib.suppress(subprocess.TimeoutExpired):
             self.wait(seconds)
-        except subprocess.TimeoutExpired:
+        if self.poll() is None:
             os.killpg(self.pid, signal.SIGKILL)
         if self.wait() != status and status is not None:
             raise self.failure(f"ended with status {self.returncode}")
 
-    def end(self, number: int = signal.SIGTERM, status: int | None = None, seconds: float = 60) -> None:
+    def end(self, number: int = signal.SIGTERM, status: int | None = None) -> None:
         """Ends it with a signal."""
         self.send_signal(number)
-        self.finish(status, seconds)
+        self.finish(status, 60)
 
 
 start = Program
@@ -81,15 +76,15 @@ def text(name: str | os.PathLike) -> str:
 
 def until(condition: Callable[[], object], *programs: Program, seconds: float = 30) -> None:
     """Returns when the condition holds. A Failure when one of the programs has ended before, or after the seconds."""
-    last = time.monotonic() + seconds
-    while True:
-        ended, late = [program for program in programs if program.poll() is not None], time.monotonic() > last
-        if condition():
-            return
-        for program in ended or programs * late:
-            raise program.failure(f"waited {seconds} seconds" if late else f"ended with status {program.returncode}")
-        if late:
-            raise Failure(f"waited {seconds} seconds")
+    last, failure = time.monotonic() + seconds, None
+    while not condition():
+        if failure:
+            raise failure
+        for program in programs:
+            if program.poll() is not None:
+                failure = program.failure(f"ended with status {program.returncode}")
+        if time.monotonic() > last:
+            failure = (programs[0].failure if programs else Failure)(f"waited {seconds} seconds")
         time.sleep(0.005)
 
 
@@ -105,29 +100,29 @@ def serve(command: Sequence[object], log: str, **options) -> Program:
 
 
 def mount_points(kind: str = "") -> list[str]:
-    """The paths of what is mounted, of file systems of this kind, the last one last."""
-    lines = [line.split(" ") for line in text("/proc/self/mountinfo").splitlines()]
-    return [re.sub(r"\\(\d{3})", lambda code: chr(int(code[1], 8)), words[4]) for words in lines
-            if words[words.index("-") + 1].startswith(kind)]
+    """The paths of what is mounted, of file systems of this kind, the last one first."""
+    mounts = [line.split(" ") for line in reversed(text("/proc/self/mounts").splitlines())]
+    return [point.replace(r"\040", " ") for _, point, its_kind, *_ in mounts if its_kind.startswith(kind)]
+
+
+def detach(point: str) -> None:
+    subprocess.run(["fusermount", "-u", "-z", "-q", point])
 
 
 def is_mounted(point: str | os.PathLike) -> bool:
     """Whether the mount table has the path. Looking at the disk itself could wait for its server."""
-    parent, name = os.path.split(os.path.abspath(point))
-    return os.fsencode(os.path.join(os.path.realpath(parent), name)).decode("latin-1") in mount_points()
-
-
-def detach(point: str) -> None:
-    """Unmounts lazily, in the way that is allowed to this user."""
-    if libc.umount2(point.encode("latin-1"), MNT_DETACH) != 0:
-        subprocess.run(["fusermount", "-u", "-z", "-q", point.encode("latin-1")])
+    return os.path.abspath(point) in mount_points()
 
 
 def mount(command: Sequence[object], point: str | os.PathLike, log: str, **options) -> Program:
     """Starts a daemon that stays in the foreground, and returns it when the disk answers."""
     daemon = Program(command, log, **options)
-    until(lambda: is_mounted(point) and os.access(f"{point}/.", os.F_OK), daemon)
+    until_mounted(point, daemon)
     return daemon
+
+
+def until_mounted(point: str | os.PathLike, daemon: Program) -> None:
+    until(lambda: is_mounted(point) and os.access(f"{point}/.", os.F_OK), daemon)
 
 
 def has_fuse() -> bool:
@@ -137,11 +132,11 @@ def has_fuse() -> bool:
     return False
 
 
-def make_certificate(directory: str, name: str = "IP:127.0.0.1", key: str = "key", certificate: str = "cert") -> None:
-    """Writes a key and a certificate for a name (DNS:NAME or IP:ADDRESS) into the directory."""
+def make_certificate(directory: str | os.PathLike, name: str = "IP:127.0.0.1") -> None:
+    """Writes the files key and cert, for a name (DNS:NAME or IP:ADDRESS), into the directory."""
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                    "-days", "2", "-subj", "/CN=test", "-addext", f"subjectAltName={name}", "-keyout", key, "-out",
-                    certificate], cwd=directory, stderr=subprocess.DEVNULL, check=True)
+                    "-days", "2", "-subj", "/CN=test", "-addext", f"subjectAltName={name}", "-keyout", "key", "-out",
+                    "cert"], cwd=directory, stderr=subprocess.DEVNULL, check=True)
 
 
 def bind(source: str, target: str) -> None:
@@ -160,11 +155,6 @@ def trust(certificate: str) -> None:
 def enter_spaces(kinds: int = NEW_MOUNTS) -> None:
     """Gives this process and what it starts name spaces of their own, in which an ordinary user is root. It must have
     one thread only. A Failure where the system forbids it."""
-    make_spaces(kinds)
-    furnish_spaces(kinds)
-
-
-def make_spaces(kinds: int) -> None:
     user, group = os.geteuid(), os.getegid()
     if libc.unshare(kinds | (NEW_USERS if user else 0)) != 0:
         raise Failure(f"no name spaces: {os.strerror(ctypes.get_errno())}")
@@ -172,66 +162,56 @@ def make_spaces(kinds: int) -> None:
         for name, line in (("setgroups", "deny"), ("uid_map", f"0 {user} 1"), ("gid_map", f"0 {group} 1")):
             with open("/proc/self/" + name, "w") as file:
                 file.write(line)
-
-
-def furnish_spaces(kinds: int) -> None:
-    # A disk lives until it is unmounted in all name spaces that have it.
     subprocess.run(["mount", "--make-rslave", "/"], check=True)
-    for point in reversed(mount_points("fuse")):
+    # A disk lives until it is unmounted in all name spaces that have it.
+    for point in mount_points("fuse"):
         detach(point)
-    if kinds & NEW_NETWORK:
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
 
 
-def in_spaces(story: Callable[[], None]) -> int:
-    """Runs a function in a child process with mounts, a network and processes of its own. Returns the status with which
-    it exits. When it ends, or this process does, everything that it has started is ended."""
-    kinds = NEW_MOUNTS | NEW_NETWORK | NEW_PROCESSES
-
+def in_spaces(story: Callable[[], None]) -> None:
+    """Runs a function in a child process with mounts, a network and processes of its own. When it ends, or this process
+    does, everything that it has started is ended. A Failure if it fails."""
     def enter() -> None:
-        make_spaces(kinds)
-        sys.exit(forked(first))
+        enter_spaces(NEW_MOUNTS | NEW_NETWORK)
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        libc.unshare(NEW_PROCESSES)
+        sys.exit(forked(lambda: sys.exit(forked(tell))))  # the outer one is the first process there and reaps orphans
 
-    def first() -> None:
-        furnish_spaces(kinds)
+    def tell() -> None:
         subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
         story()
     end_by_signals()
-    return forked(enter)
+    if status := forked(enter):
+        raise Failure(f"ended with status {status}")
 
 
 def forked(work: Callable[[], None]) -> int:
-    """Runs a function in a child process, to which it passes its own end on. Returns the status."""
+    """Runs a function in a child process, to which it passes its own end on. Returns the status. Until then it waits
+    for all children."""
     child = os.fork()
     if child == 0:
         libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
         running.clear()
-        code = 1
+        status = 1
         try:
             work()
-            code = 0
+            status = 0
         except SystemExit as ending:
-            code = ending.code
+            status = ending.code
         except Failure as failure:
-            code = str(failure)
+            print(failure, file=sys.stderr)
         except BaseException:
-            sys.excepthook(*sys.exc_info())
-        if isinstance(code, str):
-            code = print(code, file=sys.stderr) or 1
+            traceback.print_exc()
         sys.stdout.flush()
-        sys.stderr.flush()
-        os._exit(code or 0)
+        os._exit(status)
     try:
-        return os.waitstatus_to_exitcode(os.waitpid(child, 0)[1])
+        while (ended := os.wait())[0] != child:
+            pass
+        return os.waitstatus_to_exitcode(ended[1])
     except SystemExit:
         os.kill(child, signal.SIGTERM)
         os.waitpid(child, 0)
         raise
-
-
-def inside(pid: int, *command: object) -> list[str]:
-    """The command, to be run in the network of a process."""
-    return ["nsenter", f"--net=/proc/{pid}/ns/net", *map(str, command)]
 
 
 # What scripts say and do.
@@ -261,22 +241,16 @@ def end_by_signals() -> None:
 
 @contextlib.contextmanager
 def workplace(name: str, parent: str | None = None) -> Iterator[str]:
-    """A new directory, and signals that end this program by SystemExit. At the end everything that was started is
-    killed, what is mounted below the directory is unmounted, and the directory is removed. After a Failure its files
-    are kept in build/logs/NAME, and this program ends with status 1."""
+    """A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in
+    build/logs/NAME, and this program ends with status 1."""
     end_by_signals()
-    work = tempfile.mkdtemp(prefix=f"kelvane-{name}-", dir=parent)
+    kept, work = f"{TOP}/build/logs/{name}", os.path.realpath(tempfile.mkdtemp(prefix=f"kelvane-{name}-", dir=parent))
     try:
         yield work
     except Failure as failure:
-        kept = f"{TOP}/build/logs/{name}"
-        shutil.rmtree(kept, ignore_errors=True)
-        os.makedirs(kept)
-        for entry in os.scandir(work):
-            if entry.is_file(follow_symlinks=False):
-                shutil.copy(entry.path, kept)
-        if os.geteuid() == 0:
-            subprocess.run(["chown", "-R", "--reference=" + TOP, TOP + "/build/logs"], stderr=subprocess.DEVNULL)
+        keep = ('rm -rf "$0" && mkdir -p "$0" && find "$1" -maxdepth 1 -type f -exec cp -t "$0" {} + &&'
+                'chown -R --reference="$2" "$2/build/logs"')
+        subprocess.run(["bash", "-c", keep, kept, work, TOP], stderr=subprocess.DEVNULL)
         sys.exit(f"{os.path.basename(sys.argv[0])}: {failure}\nthe logs are in {kept}")
     finally:
         clean_up(work)
@@ -287,7 +261,7 @@ def clean_up(work: str) -> None:
     for program in running:
         if program.poll() is None:
             os.killpg(program.pid, signal.SIGKILL)
-    for point in reversed(mount_points()):
+    for point in mount_points():
         if point.startswith(work + "/"):
             detach(point)
     for program in running:
@@ -305,7 +279,7 @@ class ServerTest(unittest.TestCase):
 
     def setUp(self):
         os.umask(0o022)
-        self.scratch = tempfile.mkdtemp(prefix="kelvane-", dir=os.environ.get("KELVANE_TEST_ROOT"))
+        self.scratch = os.path.realpath(tempfile.mkdtemp(prefix="kelvane-", dir=os.environ.get("KELVANE_TEST_ROOT")))
         self.tree, self.server = self.scratch + "/tree", None
         os.mkdir(self.tree)
         self.addCleanup(clean_up, self.scratch)
@@ -314,13 +288,10 @@ class ServerTest(unittest.TestCase):
         self.end_server()
 
     def serve(self, *command: str) -> None:
-        """Starts the server, or another command that serves the directory."""
+        """Starts the server, or another command that serves the directory, after the end of the last one."""
+        self.end_server()
         self.server = serve([*(command or [STORAGE]), self.tree], self.scratch + "/server")
         self.url = self.server.url
-
-    def freeze(self) -> None:
-        self.server.send_signal(signal.SIGSTOP)
-        os.waitpid(self.server.pid, os.WUNTRACED)  # it may take one more request on its way
 
     def end_server(self, status: int = 0) -> None:
         if self.server:

@@ -362,9 +362,10 @@ class StorageTest(ServerTest):
         self.expect("403 ", "PUT $/pipe?action=write&flags=1&offset=0\n\nx")
         self.assertEqual(select.select([reader], [], [], 0)[0], [])
         os.close(reader)
-        # A lease of another program is waited for.
+        # A lease of another program is waited for; meanwhile other files are served.
         with open(self.tree + "/a.txt") as leased:
-            signal.signal(signal.SIGIO, lambda *_: fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_UNLCK))
+            signal.signal(signal.SIGIO, lambda *_: (self.expect("200 content"),
+                                                    fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_UNLCK)))
             fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_RDLCK)
             self.expect('200 {"s":7,*', "PUT $/a.txt?action=write&flags=1&offset=0\n\nC")
         self.end_server()
