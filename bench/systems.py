@@ -1,6 +1,7 @@
 """What is compared: the servers, how each system is mounted from them, and what its processes use."""
 import contextlib
 import dataclasses
+import functools
 import os
 import re
 import shutil
@@ -13,7 +14,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, Collection, Iterator, Sequence
 
-from programs import Failure, Program, bind, inside, make_certificate, say, serve, until
+from programs import Failure, Program, bind, make_certificate, say, serve, until
 
 HERE, THERE = "127.0.0.1", "192.0.2.2"  # the addresses of servers, near and far
 
@@ -45,7 +46,7 @@ class Site:
         return Program(self.command(*command), self.work / name)
 
     def command(self, *command: object) -> Sequence[object]:
-        return inside(self.far, *command) if self.far else command
+        return ["nsenter", f"--net=/proc/{self.far}/ns/net", *command] if self.far else command
 
 
 # Servers: one of each for the whole run, all on the same directory.
@@ -56,10 +57,6 @@ def start_storage(site: Site, name: str, before: bool = False) -> str:
                else ["--behind-proxy"] if site.far else [])
     return serve(site.command(site.program("kelvane_storage", before), "--listen", site.address, *options, site.served),
                  site.work / name).url
-
-
-def start_before(site: Site, name: str) -> str:
-    return start_storage(site, name, before=True)
 
 
 def start_nginx(site: Site, name: str) -> str:
@@ -163,7 +160,8 @@ def trust_certificate(site: Site) -> None:
     bind(authorities, "/etc/ssl/certs")
 
 
-SERVERS = {"storage": start_storage, "before": start_before, "nginx": start_nginx, "sshd": start_sshd}
+SERVERS = {"storage": start_storage, "before": functools.partial(start_storage, before=True),
+           "nginx": start_nginx, "sshd": start_sshd}
 
 
 def start_servers(site: Site, names: Collection[str | None]) -> None:
@@ -187,17 +185,9 @@ def timeouts(uncached: bool) -> list[str]:
     return ["-o", "attr_timeout=0,entry_timeout=0"] if uncached else []
 
 
-def kelvane(site: Site, point: Path, uncached: bool, *options: str, server: str = "storage") -> list[object]:
-    return [site.program("kelvane_vfs", server == "before"), site.urls[server], "Bench (compare)", "-f", *options,
+def kelvane(site: Site, point: Path, uncached: bool, options: str = "-f", server: str = "storage") -> list[object]:
+    return [site.program("kelvane_vfs", server == "before"), site.urls[server], "Bench (compare)", *options.split(),
             *timeouts(uncached), point]
-
-
-def kelvane_single(site: Site, point: Path, uncached: bool) -> list[object]:
-    return kelvane(site, point, uncached, "-s")
-
-
-def kelvane_before(site: Site, point: Path, uncached: bool) -> list[object]:
-    return kelvane(site, point, uncached, server="before")
 
 
 def pass_through(site: Site, point: Path, uncached: bool) -> list[object]:
@@ -208,10 +198,6 @@ def rclone(site: Site, point: Path, uncached: bool, mode: str = "off") -> list[o
     return ["rclone", "mount", ":webdav:", point, "--webdav-url", site.urls["nginx"], "--webdav-vendor", "other",
             "--config", site.work / "rclone.conf", "--cache-dir", site.work / f"cache{point.name}", "--vfs-cache-mode",
             mode, *(["--attr-timeout", "0s"] if uncached else [])]
-
-
-def rclone_writes(site: Site, point: Path, uncached: bool) -> list[object]:
-    return rclone(site, point, uncached, "writes")
 
 
 def davfs2(site: Site, point: Path, _: bool) -> list[object]:
@@ -241,10 +227,10 @@ class System:
 
 SYSTEMS = {
     "kelvane": System("#1b6ca8", "storage", kelvane),
-    "before": System("#b0c4d8", "before", kelvane_before),
-    "kelvane -s": System("#7fb2d9", "storage", kelvane_single, far=False),
+    "before": System("#b0c4d8", "before", functools.partial(kelvane, server="before")),
+    "kelvane -s": System("#7fb2d9", "storage", functools.partial(kelvane, options="-f -s"), far=False),
     "rclone": System("#d1495b", "nginx", rclone),
-    "rclone-writes": System("#e8a0a9", "nginx", rclone_writes),
+    "rclone-writes": System("#e8a0a9", "nginx", functools.partial(rclone, mode="writes")),
     "davfs2": System("#edae49", "nginx", davfs2),
     "sshfs": System("#66a182", "sshd", sshfs),
     "pass-through": System("#8d96a3", None, pass_through, far=False),
@@ -290,7 +276,7 @@ class Mount:
             oldest = pid
             while oldest not in self.others and oldest in parent:
                 oldest = parent[oldest]
-            mine += [pid] if oldest == os.getpid() else []
+            mine += [pid] if oldest in (os.getpid(), 1) else []  # the first process has what goes to the background
         return mine
 
     def usage(self) -> Usage:
@@ -346,17 +332,9 @@ def mounted(site: Site, system: str, uncached: bool = False) -> Iterator[Mount]:
 
 def unmount(mount: Mount) -> None:
     """Unmounts, waits until the processes have ended, and kills them after a minute."""
-    mine = mount.processes()
-    command = 'for i in {1..20}; do umount "$0" && exit; sleep 0.1; done; umount -l "$0"'
-    program = subprocess.Popen(["bash", "-c", command, mount.point], stdout=subprocess.DEVNULL,
-                               stderr=subprocess.DEVNULL)
-
-    def has_ended() -> bool:
-        for pid in mine:  # those from the background are children of this process
-            with contextlib.suppress(ChildProcessError):
-                os.waitpid(pid, os.WNOHANG)
-        return program.poll() is not None and not mount.processes()
+    command = 'for i in {1..20}; do timeout 60 umount "$0" && exit; sleep 0.1; done; umount -l "$0"'
+    subprocess.run(["bash", "-c", command, mount.point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
     with contextlib.suppress(Failure):
-        until(has_ended, seconds=60)
+        until(lambda: not mount.processes(), seconds=60)
     for pid in mount.processes():
         os.kill(pid, signal.SIGKILL)
