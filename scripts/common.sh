@@ -75,7 +75,7 @@ logged() {
 into_log() { "$@" >"$log" 2>&1; }
 last_line() { tail -n 1 "$log"; }
 
-# Installs the named packages that are missing.
+# Installs the named packages that are missing. Servers among them do not start, now or when the machine starts.
 need_packages() {
     command -v dpkg-query >/dev/null || { say "this is not Debian; make sure that these are installed: $*"; return 0; }
     local missing root=() log=$logs/packages.log
@@ -92,8 +92,12 @@ apt-get install --no-install-recommends ${missing[*]}"
     mkdir -p "$logs"
     # Settings that somebody has changed stay as they are, without a question.
     # shellcheck disable=SC2016
-    local install='apt-get update -q && exec apt-get install -qy --no-install-recommends \
-        -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "$@"'
+    local install='units() { systemctl --root=/ list-unit-files --state=enabled --no-legend | cut -d" " -f1 | sort; }
+        policy=/usr/sbin/policy-rc.d before=$(units)
+        [ -e $policy ] || { trap "rm $policy" EXIT && printf "#!/bin/sh\nexit 101\n" >$policy && chmod 755 $policy; }
+        apt-get update -q && apt-get install -qy --no-install-recommends \
+            -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "$@" || exit
+        units | grep -vxF "${before:-none}" | xargs -r systemctl --root=/ disable'
     "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c "$install" sh "${missing[@]}" 2>&1 </dev/null |
         if [ -t 1 ]; then tee "$log"; else cat >"$log"; fi
     [ "${PIPESTATUS[0]}" -eq 0 ] ||
