@@ -44,16 +44,22 @@ void say(const std::string& text) {
 
 void report(unsigned status, const char* detail) {
     using Clock = std::chrono::steady_clock;
-    static std::atomic<Clock::time_point> dues[9] = {}; // from 500 on, and that of the crowd
-    std::atomic<Clock::time_point>& due = dues[status == 0 ? 8 : status - MHD_HTTP_INTERNAL_SERVER_ERROR];
+    static struct {
+        unsigned status;
+        const char* what;
+        std::atomic<Clock::time_point> due;
+    } kinds[] = {{507, "the disk is full"},
+                 {503, "memory or descriptors are short"},
+                 {0, "clients have to wait"},
+                 {500, "the disk fails"}};
+    auto* kind = kinds;
+    while (kind->status != status && kind->status != 500) {
+        ++kind;
+    }
     const Clock::time_point now = Clock::now();
-    Clock::time_point expected = due;
-    if (now >= expected && due.compare_exchange_strong(expected, now + std::chrono::minutes(1))) {
-        const char* what = status == 507   ? "the disk is full"
-                           : status == 503 ? "memory or descriptors are short"
-                           : status == 500 ? "the disk fails"
-                                           : "clients have to wait";
-        std::fprintf(stderr, "kelvane_storage: %s: %s\n", what, detail);
+    Clock::time_point expected = kind->due;
+    if (now >= expected && kind->due.compare_exchange_strong(expected, now + std::chrono::minutes(1))) {
+        std::fprintf(stderr, "kelvane_storage: %s: %s\n", kind->what, detail);
     }
 }
 

@@ -9,8 +9,7 @@ struct sockaddr;
 
 void say(const std::string& text);
 
-// Says that requests fail with a status from 500 on, or (0) that clients have to wait; each at most once a minute. It
-// needs no memory.
+// Says that requests fail with a status, or (0) that clients wait; each at most once a minute. It needs no memory.
 void report(unsigned status, const char* detail);
 
 // Opens `file` ("-" is standard output) to append to it, or throws std::system_error. Called again, it opens the file

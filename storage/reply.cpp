@@ -41,7 +41,7 @@ ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_
         return count;
     }
     if (const int error = static_cast<int>(count); error != 0) {
-        report(isFailure(error) ? statusOf(error) : MHD_HTTP_INTERNAL_SERVER_ERROR, std::strerror(-error));
+        report(statusOf(error), std::strerror(-error));
     }
     // The file has become shorter, or reading fails. The library may leave the connection of a failed body open; the
     // client must not wait for the rest.
