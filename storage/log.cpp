@@ -1,7 +1,6 @@
 #include "storage/log.h"
 
 #include "storage/reply.h"
-#include "storage/request.h"
 
 #include <arpa/inet.h>
 #include <atomic>

@@ -1,7 +1,8 @@
-// The answer to a request, as a value, and how it is sent.
+// The answer to a request: what the disk says, as a value, and how it is sent.
 #pragma once
 
 #include "storage/json.h"
+#include "storage/request.h"
 
 #include <microhttpd.h>
 #include <variant>
@@ -32,6 +33,15 @@ struct Reply {
     std::vector<Header> headers = {};
     std::variant<std::monostate, std::string, Copy, Stream, Listing, BrokenOff> body = {};
 };
+
+// Opens the file that a request wants to write. The reply has no status when that has succeeded.
+Reply openUpload(Request& request);
+
+// Answers a request that is complete, for a write after openUpload. Throws std::bad_alloc when memory is short.
+Reply answer(Request& request);
+
+// The reply that is only a status from 400 on.
+Reply refuse(const Request& request, unsigned status);
 
 // Queues `reply`, which stays the caller's until the library has completed the request. Returns what the library's
 // request handler has to return.

@@ -1,8 +1,8 @@
 #include "storage/service.h"
 
-#include "storage/answer.h"
 #include "storage/connections.h"
 #include "storage/log.h"
+#include "storage/reply.h"
 
 #include <atomic>
 #include <chrono>

@@ -1,6 +1,6 @@
 // Plain calls of the server's answers: what is synced, and what a failing disk becomes. The linker puts functions of
 // this file in the place of the system's.
-#include "storage/answer.h"
+#include "storage/reply.h"
 #include "storage/tree.h"
 
 #include <filesystem>
