@@ -6,7 +6,6 @@ import os
 import re
 import shutil
 import signal
-import socket
 import subprocess
 import tempfile
 import time
@@ -14,7 +13,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, Collection, Iterator, Sequence
 
-from programs import Failure, Program, bind, make_certificate, say, serve, until
+from programs import Failure, Program, bind, make_certificate, say, serve, until, until_listening
 
 HERE, THERE = "127.0.0.1", "192.0.2.2"  # the addresses of servers, near and far
 
@@ -62,7 +61,6 @@ def start_storage(site: Site, name: str, before: bool = False) -> str:
 def start_nginx(site: Site, name: str) -> str:
     directory = site.work / "nginx"
     directory.mkdir()
-    port = free_port()
     kinds = ("client_body", "proxy", "fastcgi", "uwsgi", "scgi")
     tls = f"""
         ssl_certificate {site.work}/cert;
@@ -84,7 +82,7 @@ http {{
     client_max_body_size 0;
     {" ".join(f"{kind}_temp_path {directory}/{kind};" for kind in kinds)}
     server {{
-        listen {site.address}:{port}{" ssl" if site.tls else ""};
+        listen {site.address}:8080{" ssl" if site.tls else ""};
         {tls if site.tls else ""}
         root {site.served};
         dav_methods PUT DELETE MKCOL COPY MOVE;
@@ -93,8 +91,8 @@ http {{
 }}
 """)
     server = site.launch(name, "nginx", "-c", directory / "conf", "-e", directory / "errors")
-    wait_for_port(site, port, server)
-    return f"{'https' if site.tls else 'http'}://{site.address}:{port}/"
+    until_listening(server, site.address, 8080)
+    return f"{'https' if site.tls else 'http'}://{site.address}:8080/"
 
 
 def start_sshd(site: Site, name: str) -> str:
@@ -104,9 +102,8 @@ def start_sshd(site: Site, name: str) -> str:
     directory.mkdir(0o700)
     for key in ("host", "user"):
         subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", directory / key], check=True)
-    port = free_port()
     (directory / "sshd_config").write_text(f"""
-Port {port}
+Port 2222
 ListenAddress {site.address}
 HostKey {directory}/host
 PidFile none
@@ -123,22 +120,8 @@ UserKnownHostsFile /dev/null
 BatchMode yes
 """)
     server = site.launch(name, shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", directory / "sshd_config")
-    wait_for_port(site, port, server)
-    return f"{site.address}:{port}"
-
-
-def free_port() -> int:
-    with socket.socket() as probe:
-        probe.bind(("", 0))
-        return probe.getsockname()[1]
-
-
-def wait_for_port(site: Site, port: int, server: Program) -> None:
-    def answers() -> bool:
-        with contextlib.suppress(OSError), socket.create_connection((site.address, port), 1):
-            return True
-        return False
-    until(answers, server)
+    until_listening(server, site.address, 2222)
+    return f"{site.address}:2222"
 
 
 def go_far(site: Site) -> None:

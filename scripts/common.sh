@@ -44,6 +44,15 @@ trap 'exit 143' TERM
 # Whether this user can mount a disk here.
 has_fuse() { [ -c /dev/fuse ] && { : <>/dev/fuse; } 2>/dev/null; }
 
+# Removes a directory and unmounts what is below it, the deepest first; the daemon of a disk ends with the unmount.
+remove_with_mounts() {
+    local point
+    while read -r point; do
+        fusermount -u -z -q "$(printf '%b' "$point")"
+    done < <(awk -v root="$1" '$2 == root || index($2, root "/") == 1 { print $2 }' /proc/self/mounts | tac)
+    rm -rf --one-file-system "$1"
+}
+
 # Runs a command as a job in a process group of its own, so that a signal to this script is handled at once. On a
 # terminal it shows meanwhile what the function PROGRESS prints: run_job PROGRESS COMMAND...
 run_job() {

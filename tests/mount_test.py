@@ -10,8 +10,9 @@ import threading
 import time
 import unittest
 
-from programs import (BIN, PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VFS, Program, ServerTest, enter_spaces, has_fuse,
-                      is_mounted, libc, mount, mount_points, serve, shell, text, trust, until, until_mounted)
+from programs import (AUTHORITIES, BIN, PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VFS, Program, ServerTest, bind,
+                      enter_spaces, has_fuse, is_mounted, libc, mount, mount_points, serve, shell, text, until,
+                      until_mounted)
 
 os.environ["PATH"] = f"{BIN}:{TOP}/packaging:" + os.environ["PATH"]
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
@@ -283,6 +284,6 @@ got packet from signalHandler, trying to exit\.\.\.\n(.*\n)*kelvane_vfs exiting\
         self.failed("CURL error: SSL peer certificate or SSH remote key was not OK\n")
         if os.geteuid() != 0:
             enter_spaces()
-        trust(self.scratch + "/cert")
+        bind(self.scratch + "/cert", AUTHORITIES)
         self.mount()
         self.check(f"cd '{self.disk}' && cmp big {self.tree}/big && cp big copy && cmp copy {self.tree}/copy")

@@ -4,6 +4,7 @@ import contextlib
 import ctypes
 import os
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -17,6 +18,7 @@ BIN = os.environ.get("KELVANE_BIN", TOP + "/build/run")
 STORAGE, VFS = BIN + "/kelvane_storage", BIN + "/kelvane_vfs"
 PR_SET_PDEATHSIG, PR_SET_CHILD_SUBREAPER = 1, 36
 NEW_MOUNTS, NEW_USERS, NEW_PROCESSES, NEW_NETWORK = 0x20000, 0x10000000, 0x20000000, 0x40000000
+AUTHORITIES = "/etc/ssl/certs/ca-certificates.crt"  # the certificates that are trusted
 libc = ctypes.CDLL(None, use_errno=True)
 
 
@@ -91,6 +93,14 @@ def until(condition: Callable[[], object], *programs: Program, seconds: float = 
 # Servers and disks.
 
 
+def until_listening(server: Program, address: str, port: int) -> None:
+    def listens() -> bool:
+        with contextlib.suppress(OSError), socket.create_connection((address, port), 1):
+            return True
+        return False
+    until(listens, server)
+
+
 def serve(command: Sequence[object], log: str, **options) -> Program:
     """Starts a server. Its `url` is what it prints when it is ready."""
     server = Program(command, log, **options)
@@ -144,11 +154,6 @@ def bind(source: str, target: str) -> None:
     subprocess.run(["mount", "--bind", source, target], check=True)
 
 
-def trust(certificate: str) -> None:
-    """Makes a certificate the only one that is trusted; for name spaces of one's own."""
-    bind(certificate, "/etc/ssl/certs/ca-certificates.crt")
-
-
 # Name spaces.
 
 
@@ -169,8 +174,8 @@ def enter_spaces(kinds: int = NEW_MOUNTS) -> None:
 
 
 def in_spaces(story: Callable[[], None]) -> None:
-    """Runs a function in a child process with mounts, a network and processes of its own. When it ends, or this process
-    does, everything that it has started is ended. A Failure if it fails."""
+    """Runs a function in a child process with mounts, a network and processes of its own, in a workplace. When it ends,
+    or this process does, everything that it has started is ended. A Failure if it fails."""
     def enter() -> None:
         enter_spaces(NEW_MOUNTS | NEW_NETWORK)
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
@@ -180,7 +185,6 @@ def in_spaces(story: Callable[[], None]) -> None:
     def tell() -> None:
         subprocess.run(["mount", "-t", "proc", "proc", "/proc"], check=True)
         story()
-    end_by_signals()
     if status := forked(enter):
         raise Failure(f"ended with status {status}")
 
@@ -228,22 +232,17 @@ def common(commands: str) -> None:
         sys.exit(done.returncode)
 
 
-def end_by_signals() -> None:
-    """Lets signals end this program by SystemExit, so that it cleans up. A second signal does not disturb that."""
-    def end(number, _):
-        for each in signals:
-            signal.signal(each, signal.SIG_IGN)
-        sys.exit(128 + number)
-    signals = (signal.SIGHUP, signal.SIGINT, signal.SIGPIPE, signal.SIGTERM)
-    for each in signals:
-        signal.signal(each, end)
-
-
 @contextlib.contextmanager
 def workplace(name: str, parent: str | None = None) -> Iterator[str]:
     """A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in
     build/logs/NAME, and this program ends with status 1."""
-    end_by_signals()
+    def end(number, _):
+        for each in signals:
+            signal.signal(each, signal.SIG_IGN)  # a second signal does not disturb the cleaning
+        sys.exit(128 + number)
+    signals = (signal.SIGHUP, signal.SIGINT, signal.SIGPIPE, signal.SIGTERM)
+    for each in signals:
+        signal.signal(each, end)
     kept, work = f"{TOP}/build/logs/{name}", os.path.realpath(tempfile.mkdtemp(prefix=f"kelvane-{name}-", dir=parent))
     try:
         yield work
