@@ -313,7 +313,7 @@ class StorageTest(ServerTest):
         self.finish(upload, b"last", '200 {"s":7,*')
         self.assertEqual((text(self.tree + "/full/x"), text(self.tree + "/full/y")), ("content", "lastent"))
 
-    # A lease of another program is waited for, while other files are served, and the kernel's own files are not written.
+    # A lease of another program is waited for, while others are served, and the kernel's own files are not written.
     def test_special_files(self):
         self.serve()
         with open(self.tree + "/a.txt") as leased:
