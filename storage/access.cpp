@@ -23,9 +23,8 @@ constexpr std::string_view base64url = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmn
 using Digest = std::array<unsigned char, 32>; // of a password, with the key of this process
 
 struct User {
-    std::string hash;  // empty where the password is plain
-    Digest known = {}; // of the right password, once a request has brought it
-    bool isKnown = false;
+    std::string hash;            // empty where the password is plain
+    std::optional<Digest> known; // of the right password, once a request has brought it
     bool readOnly = false;
 };
 
@@ -104,7 +103,6 @@ std::string readUser(std::string_view line, std::map<std::string, User>& found, 
     const std::string password(line.substr(colon + 1));
     if (!isHash(password)) {
         isPlain = true;
-        user.isKnown = true;
         user.known = digestOf(password);
     } else if (const int check = crypt_checksalt(password.c_str());
                check == CRYPT_SALT_INVALID || check == CRYPT_SALT_METHOD_DISABLED) {
@@ -135,8 +133,7 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
         // tell.
         const User& candidate =
             (isThere ? found : std::next(users.begin(), digestOf(name).front() % users.size()))->second;
-        const bool isSame = gnutls_memcmp(digest.data(), candidate.known.data(), digest.size()) == 0;
-        if (isThere && candidate.isKnown && isSame) {
+        if (isThere && candidate.known && gnutls_memcmp(digest.data(), candidate.known->data(), digest.size()) == 0) {
             user = name;
             readOnly = candidate.readOnly;
             return 0;
@@ -161,7 +158,6 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
         lock.lock();
         if (const auto now = users.find(name); now != users.end() && now->second.hash == hash) {
             now->second.known = digest;
-            now->second.isKnown = true;
         }
     }
 }

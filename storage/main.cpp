@@ -152,8 +152,7 @@ int main(int argc, char* argv[]) try {
         const std::string error = readFiles(options);
         say("read certificate, users and log file again" + (error.empty() ? "" : ", except for " + error));
     }
-    listeners.clear();
-    if (!stopService(daemon, isReplaced)) {
+    if (!stopService(daemon, listeners, isReplaced)) {
         std::_Exit(success);
     }
     return success;

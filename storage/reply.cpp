@@ -48,19 +48,12 @@ ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_
     return MHD_CONTENT_READER_END_WITH_ERROR;
 }
 
-MHD_Response* fromBytes(std::uint64_t size, const char* bytes) {
-    return MHD_create_response_from_buffer(size, const_cast<char*>(bytes), MHD_RESPMEM_PERSISTENT);
-}
-
 MHD_Response* responseFor(Reply& reply) {
-    if (const auto* text = std::get_if<std::string>(&reply.body)) {
-        return fromBytes(text->size(), text->data());
+    if (auto* text = std::get_if<std::string>(&reply.body)) {
+        return MHD_create_response_from_buffer(text->size(), text->data(), MHD_RESPMEM_PERSISTENT);
     }
     if (const auto* copy = std::get_if<Copy>(&reply.body)) {
-        return fromBytes(reply.length, copy->get());
-    }
-    if (std::holds_alternative<std::monostate>(reply.body)) {
-        return fromBytes(0, "");
+        return MHD_create_response_from_buffer(reply.length, copy->get(), MHD_RESPMEM_PERSISTENT);
     }
     const std::uint64_t length = std::holds_alternative<Listing>(reply.body)     ? MHD_SIZE_UNKNOWN
                                  : std::holds_alternative<BrokenOff>(reply.body) ? 1
@@ -211,7 +204,8 @@ Reply refuse(const Request& request, unsigned status) {
 }
 
 MHD_Result send(MHD_Connection* connection, Reply& reply) {
-    if (std::holds_alternative<std::monostate>(reply.body) && reply.headers.empty() && !reply.isLast) {
+    const auto* text = std::get_if<std::string>(&reply.body);
+    if (text != nullptr && text->empty() && reply.headers.empty() && !reply.isLast) {
         return MHD_queue_response(connection, reply.status, bareResponse);
     }
     reply.socket = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_CONNECTION_FD)->connect_fd;

@@ -31,7 +31,7 @@ struct Reply {
     std::uint64_t length = 0; // of the body; for a listing what has been sent of it
     int socket = -1;          // of the connection, once it is sent
     std::vector<Header> headers = {};
-    std::variant<std::monostate, std::string, Copy, Stream, Listing, BrokenOff> body = {};
+    std::variant<std::string, Copy, Stream, Listing, BrokenOff> body = {};
 };
 
 // Opens the file that a request wants to write. The reply has no status when that has succeeded.

@@ -163,10 +163,11 @@ MHD_Daemon* startService(const Options& options, unsigned connectionsOfOne) {
                             MHD_OPTION_END);
 }
 
-bool stopService(MHD_Daemon* daemon, bool isReplaced) {
+bool stopService(MHD_Daemon* daemon, std::vector<Descriptor>& listeners, bool isReplaced) {
     for (int waits = 0; waits < stopWaits; ++waits) {
         const bool takesOver = isReplaced && waits < takeOverWaits;
         stop = takesOver ? Stop::afterNext : Stop::now;
+        listeners.clear(); // only now: who is refused a connection knows that the server stops
         const Clients clients = endSlowClients(true);
         if (clients.strangers + running == 0 && (!takesOver || clients.all == 0)) {
             MHD_stop_daemon(daemon);

@@ -10,8 +10,8 @@ struct MHD_Daemon;
 // at most `connectionsOfOne`, or any number if that is 0.
 MHD_Daemon* startService(const Options& options, unsigned connectionsOfOne);
 
-// Ends the service. Requests that have begun get five seconds, and new connections one to begin. If another server gets
-// the listening sockets (`isReplaced`), all connections have a second for one more request, so that no client loses
-// one. False when some requests did not end, for example because they wait for the disk: then only the end of the
-// process ends them.
-bool stopService(MHD_Daemon* daemon, bool isReplaced);
+// Closes the listeners and ends the service. Requests that have begun get five seconds, and new connections one to
+// begin. If another server gets the listening sockets (`isReplaced`), all connections have a second for one more
+// request, so that no client loses one. False when some requests did not end, for example because they wait for the
+// disk: then only the end of the process ends them.
+bool stopService(MHD_Daemon* daemon, std::vector<Descriptor>& listeners, bool isReplaced);

@@ -60,7 +60,6 @@ SECTIONS = {
         ("200 \nContent-Length: 7", ["HEAD $/a.txt"]),
         ("200 content", ["/%2Fd%2fin", "//d//in/?", "GET http://@$/d/in"] + [f"/link\nRange: {part}" for part in (
             "bytes=5-2", "bytes=1-2,4-5", "lines=1-2", "bytes=0-18446744073709551616")]),
-        ("206 content", ["/link\nRange: bytes=-30", "/link\nRange: bytes=0-18446744073709551615"]),
         ("206 nt\nContent-Range: bytes 5-6/7", ["/link\nRange: bytes=5-", "/link\nRange: bytes=-2"]),
         ("416 \nContent-Range: bytes */7", ["/link\nRange: bytes=-0"]),
         # Queries that say nothing, or the wrong thing, and other methods.
@@ -73,6 +72,7 @@ SECTIONS = {
         ("405 ", ["POST $/a.txt\n\nx", "DELETE $/a.txt", "HEAD $/a.txt?action=unlink", "PUT $/a.txt\n\nx",
                   f"/a.txt{WRITE}0"], "a.txt=content"),
         # What is not shown or not there, and what is no file.
+        ("414 *", ["/" + MOST]),
         ("404 ", ["GET *", "GET /d/in", "/...", "/" + "n" * 300, f"/{LONGEST}?action=rename&to={LONGEST}&replace=1",
                   "/out", "/absolute/passwd", "/loop", "/out?action=unlink", "/a.txt/x", "/odd/bad%FF/x",
                   "/out?action=rename&to=stolen&replace=1", "/odd/socket?action=props", "/odd/socket?action=unlink"]),
@@ -92,7 +92,6 @@ SECTIONS = {
         ("200 contentHTTP/1.1 200*", ["GET $/d/in HTTP/1.1\r\nHost: @\r\n\r\nGET $/full" + RAW + "\r\n"]),
         ("413 ", [f"PUT $/new{WRITE}0\nContent-Length: 1048577",
                   f"PUT $/new{WRITE}0{CHUNKED}100001\r\nx{MOST}\r\n0\r\n\r\n"], "new=\0\0\0de"),
-        ('200 {"s":1048576,*', [f"PUT $/new{WRITE}0\n\n{MOST}"], "new=" + MOST),
         # A link that leads outside is not replaced, and no name gets a second spelling.
         ('200 {"hc":409}', ["/a.txt?action=rename&to=out&replace=1", "/e\xcc\x81?action=mkdir"], "a.txt=content"),
         ("204 ", ["/e\xcc\x81?action=create", "/%EA%B0%80%E1%86%A7?action=create",
@@ -268,40 +267,23 @@ class StorageTest(ServerTest):
                 self.expect(f"{code} {''.join(body)}", request)
             self.end_server(status)
 
-    # Clients that send too much or too little, or vanish: nothing stays open, and others are served.
-    def test_rude_clients(self):
-        self.serve()
-        before = self.descriptors()
-        for begin in ("GET $/", "GET $/d/in HTTP/1.1\r\nX: "):
-            self.assertRegex(self.ask(begin + MOST + RAW + "\r\n"), "^(HTTP/1.1 4|$)")
-        for _ in range(10):
-            connection = self.upload("a.txt", 9)
-            connection.sendall(b"half")  # these last bytes and the end come together
-            connection.close()
-        until(lambda: self.descriptors() <= before)
-        os.rename(self.tree, self.scratch + "/moved")
-        self.expect("200 content", "/a.txt")
-
-    # An upload that the server has accepted; its body is still to come.
-    def upload(self, file, length):
+    def upload(self, file):
+        """An upload of four bytes that the server has accepted; they are still to come."""
         connection = self.connection(self.bytes_of(f"PUT $/{file}{WRITE}0{RAW}"
-                                                   f"Expect: 100-continue\r\nContent-Length: {length}\r\n\r\n"))
+                                                   "Expect: 100-continue\r\nContent-Length: 4\r\n\r\n"))
         self.assertEqual(len(connection.recv(25)), 25)
         return connection
-
-    def finish(self, upload, data, expected):
-        upload.sendall(data)
-        self.assertIsNone(difference(expected, self.rest(upload)))
 
     def test_uploads(self):
         self.serve_with("--sync")
         # The file is removed or replaced meanwhile.
         for file, change in (("d/in", "rm d/in"), ("full/x", "mv a.txt full/x")):
-            upload = self.upload(file, 4)
+            upload = self.upload(file)
             self.check(f"cd {self.tree} && {change}")
-            self.finish(upload, b"lost", "404 ")
+            upload.sendall(b"lost")
+            self.assertIsNone(difference("404 ", self.rest(upload)))
         # A server that was told to stop waits for the upload, and takes no new request.
-        upload = self.upload("full/y", 4)
+        upload = self.upload("full/y")
         kept = self.connection(self.bytes_of("GET $/full/x HTTP/1.1\r\nHost: @\r\n\r\n"))
         kept.recv(1000)
         self.server.terminate()
@@ -310,7 +292,8 @@ class StorageTest(ServerTest):
                 self.connection().close()
         kept.sendall(self.bytes_of("/full/x?action=unlink"))
         self.assertEqual(self.rest(kept), "")
-        self.finish(upload, b"last", '200 {"s":7,*')
+        upload.sendall(b"last")
+        self.assertIsNone(difference('200 {"s":7,*', self.rest(upload)))
         self.assertEqual((text(self.tree + "/full/x"), text(self.tree + "/full/y")), ("content", "lastent"))
 
     # A lease of another program is waited for, while others are served, and the kernel's own files are not written.
@@ -330,8 +313,7 @@ class StorageTest(ServerTest):
     def test_crowd(self):
         self.serve("prlimit", "--nofile=60", STORAGE)
         for _ in range(5):
-            for _ in range(12):
-                self.connection(b"GET")
+            self.crowd = [self.connection(b"GET") for _ in range(12)]
             self.expect("200 content")
         self.assertEqual(text(self.scratch + "/server.err").count("clients have to wait"), 1)
         # Where strangers come, one address gets half of the connections: of five the last one is closed alone.
@@ -349,12 +331,13 @@ class StorageTest(ServerTest):
             listener.bind(self.scratch + "/listener")
             listener.listen()
             manager.bind(self.scratch + "/manager")
+            command = f"""exec 3<&{listener.fileno()}; export LISTEN_FDS=1 LISTEN_PID=$$ NOTIFY_SOCKET=$0/manager
+                          exec {STORAGE} --no-secret $0/tree"""
             for _ in range(2):
                 client = socket.socket(socket.AF_UNIX)
                 client.connect(self.scratch + "/listener")
-                self.server = start(["bash", "-c", f"exec 3<&{listener.fileno()}; LISTEN_FDS=1 LISTEN_PID=$$ "
-                                     f"NOTIFY_SOCKET={self.scratch}/manager exec {STORAGE} --no-secret {self.tree}"],
-                                    self.scratch + "/server", pass_fds=[listener.fileno()])
+                self.server = start(["bash", "-c", command, self.scratch], self.scratch + "/server", pass_fds=[
+                    listener.fileno()])
                 self.assertEqual(manager.recv(99), b"READY=1")
                 self.assertEqual(text(self.scratch + "/server.out"), f"http://unix:{self.scratch}/listener:/\n")
                 client.sendall(b"GET /d/in HTTP/1.1\r\nHost: localhost\r\n\r\n")
@@ -387,48 +370,46 @@ class StorageTest(ServerTest):
         resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (4096, 4096))
         self.assertIsNone(difference("200 content", self.rest(waiting)))
 
+    # Renames beside a link with "..": the kernel tells that its walk met one.
     def test_link_that_is_being_changed(self):
         self.serve()
-        replies = []
+        replies = set()
 
         def change():
-            while len(replies) < 200 or len(set(replies)) < 2:
+            while replies != {"200", "404"}:
                 for target in ("d", "../outside"):
                     os.symlink(target, self.tree + "/next")
                     os.rename(self.tree + "/next", self.tree + "/switch")
-        changer = threading.Thread(target=change)
+        changer = threading.Thread(target=change, daemon=True)
         changer.start()
         while changer.is_alive():
-            replies.append(self.ask("/switch/in")[9:12])
-            self.expect("404 ", "/switch/secret")
+            replies |= {self.ask("/switch/in")[9:12] for _ in range(200)}
             self.expect("404 ", f"PUT $/switch/secret{WRITE}0\n\nX")
-        self.assertEqual((set(replies), text(self.scratch + "/outside/secret")), ({"200", "404"}, "secret"))
+        self.assertEqual(text(self.scratch + "/outside/secret"), "secret")
 
     # The file gets shorter while it is sent: the reply breaks off, and nobody waits for the rest.
     def test_file_that_gets_shorter(self):
         self.serve()
-        connection = self.connection(self.bytes_of("/big\nRange: bytes=1-"))
+        connection = self.connection(self.bytes_of("/big"))
         begin = connection.recv(1).decode()
-        length = os.path.getsize(self.tree + "/big") - 1
+        length = os.path.getsize(self.tree + "/big")
         os.truncate(self.tree + "/big", 0)
-        head, _, body = (begin + self.rest(connection)).partition("\r\n\r\n")
-        self.assertIn(f"\r\nContent-Length: {length}", head)
-        self.assertLess(len(body), length)
+        reply = begin + self.rest(connection)
+        self.assertTrue(f"\r\nContent-Length: {length}\r\n" in reply and len(reply) < length)
 
     def test_command_line(self):
         self.serve_with("--listen localhost")
         for host in ("127.0.0.1", "::1")[:1 + os.path.exists("/proc/net/if_inet6")]:
             socket.create_connection((host, self.address()[1])).close()
         for arguments, output, status in (
-                ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2),
+                ("", "DIRECTORY is missing", 2), ("--port 70000 /tmp", "--port 70000: ", 2), ("--help", "usage: ", 0),
                 ("--tls-cert x /tmp", "--tls-cert needs --tls-key", 2), ("--prefix x /tmp", "--prefix x: ", 2),
-                ("--host disk.example:80 /tmp", "--host disk.example:80: ", 2),
+                ("--host disk.example:80 /tmp", "--host disk.example:80: ", 2), ("--version", "storage 1.", 0),
                 ("--listen 0.0.0.0 /tmp", "other machines reach the address, so this is missing: --tls-cert", 2),
                 ("--listen :: --behind-proxy --no-secret /tmp", "reach the address, so this is missing: a secret", 2),
                 ("--users {0}/others /tmp", "others can", 1), ("--secret-file {0}/others /tmp", "others can", 1),
-                ("--users {0}/bad /tmp", "line 1 is not NAME:PASSWORD", 1), ("--help", "usage: ", 0),
-                ("--tls-cert /dev/null --tls-key /dev/null /tmp", "/dev/null: ", 1), ("--version", "storage 1.", 0),
-                ("--listen 'not an address' /tmp", "cannot serve on", 1), ("/none", "/none: No such file", 1),
+                ("--users {0}/bad /tmp", "line 1 is not NAME:PASSWORD", 1), ("/none", "/none: No such file", 1),
+                ("--listen 'not an address' /tmp", "cannot serve on", 1),
                 (f"--port {self.address()[1]} /tmp", "cannot serve on", 1)):
             written, ended = shell(f"{STORAGE} " + arguments.format(self.scratch))
             self.assertEqual((output in written, ended), (True, status), written)
