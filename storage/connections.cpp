@@ -62,10 +62,10 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
     if (MHD_add_connection(daemon, added, place, length) == MHD_YES) {
         return 0;
     }
-    const int error = errno;
+    const int error = errno == ENOMEM ? -ENOMEM : 0; // or the address has too many
     const std::lock_guard lock(clientsMutex);
     clients.erase(added);
-    return error == EAGAIN || error == ENOMEM ? -ENOMEM : 0; // there is no memory for a thread, or it is one too many
+    return error;
 } catch (const std::bad_alloc&) {
     return -ENOMEM;
 }

@@ -7,6 +7,7 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
+#include <cstdarg>
 #include <thread>
 
 namespace {
@@ -136,6 +137,13 @@ void onCompleted(void*, MHD_Connection* connection, void** context, MHD_RequestT
     *context = nullptr;
 }
 
+// Of the library's messages only this one is for the operator.
+void onMessage(void*, const char* format, va_list) {
+    if (std::string_view(format).starts_with("Failed to create a")) {
+        report(MHD_HTTP_SERVICE_UNAVAILABLE, "no thread for a connection");
+    }
+}
+
 // Paths are decoded here and not by the library, which would cut them at a NUL.
 std::size_t keepEncoding(void*, MHD_Connection*, char* text) {
     return std::strlen(text);
@@ -147,20 +155,20 @@ MHD_Daemon* startService(const Options& options, unsigned connectionsOfOne) {
     service = options;
     const bool isTls = !options.certificateFile.empty();
     const unsigned flags = MHD_USE_THREAD_PER_CONNECTION | MHD_USE_POLL_INTERNAL_THREAD | MHD_USE_NO_LISTEN_SOCKET |
-                           MHD_USE_ITC | (isTls ? unsigned{MHD_USE_TLS} : 0);
+                           MHD_USE_ITC | MHD_USE_ERROR_LOG | (isTls ? unsigned{MHD_USE_TLS} : 0);
     char priorities[] = "NORMAL:-VERS-ALL:+VERS-TLS1.3:+VERS-TLS1.2";
     MHD_OptionItem tls[] = {{MHD_OPTION_HTTPS_CERT_CALLBACK, 0, reinterpret_cast<void*>(chooseCertificate)},
                             {MHD_OPTION_HTTPS_PRIORITIES, 0, priorities},
                             {MHD_OPTION_END, 0, nullptr}};
     // Connections are counted in storage/connections. Before 0.9.78 the library stops for ever at a limit of its own.
-    return MHD_start_daemon(flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_NOTIFY_CONNECTION, onConnection,
-                            nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr, MHD_OPTION_NOTIFY_COMPLETED,
-                            onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr,
-                            MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_THREAD_STACK_SIZE,
-                            threadStack, MHD_OPTION_CONNECTION_LIMIT, UINT_MAX, MHD_OPTION_PER_IP_CONNECTION_LIMIT,
-                            connectionsOfOne, MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_STRICT_FOR_CLIENT,
-                            1, MHD_OPTION_SIGPIPE_HANDLED_BY_APP, 1, MHD_OPTION_ARRAY, isTls ? tls : tls + 2,
-                            MHD_OPTION_END);
+    return MHD_start_daemon(
+        flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_EXTERNAL_LOGGER, onMessage, nullptr,
+        MHD_OPTION_NOTIFY_CONNECTION, onConnection, nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr,
+        MHD_OPTION_NOTIFY_COMPLETED, onCompleted, nullptr, MHD_OPTION_UNESCAPE_CALLBACK, keepEncoding, nullptr,
+        MHD_OPTION_CONNECTION_MEMORY_LIMIT, connectionMemory, MHD_OPTION_THREAD_STACK_SIZE, threadStack,
+        MHD_OPTION_CONNECTION_LIMIT, UINT_MAX, MHD_OPTION_PER_IP_CONNECTION_LIMIT, connectionsOfOne,
+        MHD_OPTION_CONNECTION_TIMEOUT, idleSeconds, MHD_OPTION_STRICT_FOR_CLIENT, 1, MHD_OPTION_SIGPIPE_HANDLED_BY_APP,
+        1, MHD_OPTION_ARRAY, isTls ? tls : tls + 2, MHD_OPTION_END);
 }
 
 bool stopService(MHD_Daemon* daemon, std::vector<Descriptor>& listeners, bool isReplaced) {

@@ -213,11 +213,14 @@ class StorageTest(ServerTest):
         for hidden in (urllib.parse.urlsplit(self.url).path.strip("/"), "pass", BOB[-4:], "evil"):
             self.assertNotIn(hidden, log)
 
-    # Wrong passwords wait for their slow check, but not all at once.
+    # Passwords wait for their slow check, this one for minutes, but not all connections do.
     def test_flood_of_passwords(self):
+        self.check(f"echo 'eve:{HASH.replace('salt', 'rounds=999999999$salt')}' >{self.scratch}/users")
         self.serve_with("--users {0}/users")
-        flood = [self.connection(self.bytes_of("/d/in\n" + WRONG[1])) for _ in range(400)]
-        self.assertEqual({self.rest(connection)[9:12] for connection in flood}, {"401", "503"})
+        flood = [self.connection(self.bytes_of("/d/in\n" + WRONG[4])) for _ in range(260)]
+        self.assertEqual(select.select(flood, [], [])[0][0].recv(12), b"HTTP/1.1 503")
+        self.server.kill()
+        self.server = None
 
     # SIGHUP: the files that are read again, while a reply is on its way.
     def test_reload(self):
@@ -325,7 +328,8 @@ class StorageTest(ServerTest):
         for connection in connections:
             connection.close()
 
-    # A socket of the service manager: it hears when the server is ready, and no connection is refused meanwhile.
+    # A socket of the service manager: it hears when the server is ready; a server that stops for the next one refuses
+    # no connection, and answers one more request on those that it has.
     def test_service_manager(self):
         with socket.socket(socket.AF_UNIX) as listener, socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM) as manager:
             listener.bind(self.scratch + "/listener")
@@ -333,6 +337,7 @@ class StorageTest(ServerTest):
             manager.bind(self.scratch + "/manager")
             command = f"""exec 3<&{listener.fileno()}; export LISTEN_FDS=1 LISTEN_PID=$$ NOTIFY_SOCKET=$0/manager
                           exec {STORAGE} --no-secret $0/tree"""
+            request = b"GET /d/in HTTP/1.1\r\nHost: localhost\r\n\r\n"
             for _ in range(2):
                 client = socket.socket(socket.AF_UNIX)
                 client.connect(self.scratch + "/listener")
@@ -340,11 +345,13 @@ class StorageTest(ServerTest):
                     listener.fileno()])
                 self.assertEqual(manager.recv(99), b"READY=1")
                 self.assertEqual(text(self.scratch + "/server.out"), f"http://unix:{self.scratch}/listener:/\n")
-                client.sendall(b"GET /d/in HTTP/1.1\r\nHost: localhost\r\n\r\n")
-                begin = client.recv(1).decode()
+                client.sendall(request)
+                self.assertRegex(client.recv(1000), b"200 OK")
+                self.server.send_signal(signal.SIGSTOP)
                 self.server.terminate()
-                self.assertIsNone(difference("200 content", begin + self.rest(client)))
+                client.sendall(request)
                 self.end_server()
+                self.assertIsNone(difference("200 content", self.rest(client)))
 
     # The memory of bodies is given back.
     def test_memory(self):
