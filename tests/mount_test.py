@@ -25,6 +25,7 @@ NO_READER = ["bash", "-c", 'exec "$0" "$@" > >(head -c 2000) 2>&1']  # of the tr
 BACKGROUND = ["", "-s"] if "TSAN_OPTIONS" not in os.environ else []
 AUTO = "-f -o auto_unmount"
 NOBODY = "http://127.0.0.1:9/"
+TWICE = signal.SIGINT, signal.SIGTERM
 
 
 def one_answer(status: str, body: str = "", length: int | None = None) -> str:
@@ -201,7 +202,7 @@ got packet from signalHandler, trying to exit\.\.\.\n(.*\n)*kelvane_vfs exiting\
         os.mkdir(self.scratch + "/attr_timeout=1")
         for options in ["-f", "-f -s", AUTO, "-f -o attr_timeout=1"] + BACKGROUND:
             with self.subTest(options):
-                self.stop_in_a_request(signal.SIGINT, signal.SIGTERM, options=options)
+                self.stop_in_a_request(*TWICE, options=options)
                 self.assertFalse(is_mounted(self.disk))
 
     # Two signals may have one cause: the loop has some time to end. If it does not, one signal is enough after some
@@ -210,8 +211,7 @@ got packet from signalHandler, trying to exit\.\.\.\n(.*\n)*kelvane_vfs exiting\
         def answer():
             time.sleep(0.3)
             self.server.send_signal(signal.SIGCONT)
-        two = signal.SIGINT, signal.SIGTERM
-        self.assertTrue(self.stop_in_a_request(*two, vfs=VFS + "_fast", meanwhile=answer))
+        self.assertTrue(self.stop_in_a_request(*TWICE, vfs=VFS + "_fast", meanwhile=answer))
         self.assertFalse(self.stop_in_a_request(signal.SIGINT, vfs=VFS + "_fast"))
 
     def test_spares_a_disk_that_took_its_place(self):
@@ -219,8 +219,9 @@ got packet from signalHandler, trying to exit\.\.\.\n(.*\n)*kelvane_vfs exiting\
             self.check(f"fusermount -u -z '{self.disk}'")
             server = serve([STORAGE, self.tree], self.scratch + "/other_server")
             mount([VFS, server.url, "Other", "-f", self.disk], self.disk, self.scratch + "/other_disk")
-            os.kill(self.daemon.pid, signal.SIGTERM)
-        self.stop_in_a_request(signal.SIGINT, vfs=VFS + "_fast", meanwhile=replace)
+            for number in TWICE:
+                os.kill(self.daemon.pid, number)
+        self.stop_in_a_request(meanwhile=replace)
         self.check(f"ls '{self.disk}'; fusermount -u '{self.disk}'")
 
     def test_check(self):
