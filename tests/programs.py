@@ -211,8 +211,9 @@ def forked(work: Callable[[], None]) -> int:
             pass
         return os.waitstatus_to_exitcode(ended[1])
     except SystemExit:
-        os.kill(child, signal.SIGTERM)
-        os.waitpid(child, 0)
+        with contextlib.suppress(ProcessLookupError, ChildProcessError):  # it may just have ended
+            os.kill(child, signal.SIGTERM)
+            os.waitpid(child, 0)
         raise
 
 
@@ -235,8 +236,9 @@ def workplace(name: str, parent: str | None = None) -> Iterator[str]:
     """A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in
     build/logs/NAME, and this program ends with status 1."""
     def end(number, _):
-        for each in signals:
-            signal.signal(each, signal.SIG_IGN)  # a second signal does not disturb the cleaning
+        for each in signals:  # a second one does not disturb the cleaning, nor the programs that it uses
+            signal.signal(each, lambda *_: None)
+        signal.pthread_sigmask(signal.SIG_BLOCK, signals)
         sys.exit(128 + number)
     signals = (signal.SIGHUP, signal.SIGINT, signal.SIGPIPE, signal.SIGTERM)
     for each in signals:
