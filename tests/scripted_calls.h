@@ -1,29 +1,35 @@
-// Tables of calls into the daemon's code. Each row runs in a child process against a scripted service. Its output, its
-// requests and its end make one text, in the order in which they happen. A row gives that text in fields, separated by
-// "; " or a line's end:
-//   "O TEXT", "E TEXT"  a line on one of the output streams; the lines of the transport and of the path look-up count
-//       only in rows that have one of them
-//   "> METHOD URL|HEADER|BODY => STATUS REPLY"  a request, and how it is answered; "=> BYTES" an answer alone; one that
-//       begins with "reset" has the connection reset behind it, with "keep" closed when another request has come
+// Tables of calls into the daemon's code. Each row is a transcript: it runs in a child process against a scripted
+// service, and all that happens has to stand in the row, in its order. A row begins with a line that begins with "$";
+// its fields are separated by "; " or a line's end:
+//   "$ NAME ARGUMENT,ARGUMENT"  a call, by its name in `calls`; "$ trace" shows the lines of the transport and of the
+//       path look-up too, which are left out otherwise
+//   "O TEXT", "E TEXT"  a line on one of the output streams
+//   "> METHOD URL|HEADER|BODY"  a request; "C*N" is a body of N times the byte C
+//   "< STATUS BODY", "< BYTES"  the answer to a request; one that begins with "reset" has the connection reset behind
+//       it, with "keep" closed when another request has come, which gets no answer
 //   "= NUMBER"  the call's result
 //   "exit STATUS", "signal NUMBER"  the child's end, if that is not exit 0
-// With "..." for its first field a row gives the end of the text. The service's address is HOST; `words` are replaced.
+//   "..."  anything, up to the fields that follow
+//   "? ANSWER"  the same, with this answer; the row is repeated for each of several
+// `words` are replaced, and BASE by the service's address. Lines that begin with "//" are comments.
 #pragma once
 
 #include <ctime>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
+#include <vector>
 
+using Arguments = const std::vector<char*>&;
+extern std::map<std::string, std::function<std::optional<long>(Arguments)>> calls;
 extern std::map<std::string, std::string> words;
-std::string bodyText(const std::string& body);
 
-// `start` answers, in fields, what comes before the call: nothing (there is no cache then), the request for the root's
-// attributes, or also those for the listings of "/", "/d" and "/dir x".
-// A failure names the caller's line; clang 14 has no std::source_location for that.
-void expectRow(const std::string& start, const std::function<long()>& call, const std::string& row,
-               int atLine = __builtin_LINE(), const char* inFile = __builtin_FILE());
+// Runs the rows of a table that begins in that line, each behind the fields of `start`.
+void expectRows(const char* file, int line, const std::string& start, const std::string& rows);
 
-// In the child: the clock, which moves on by `clockStep` seconds each time it is read; what has happened so far.
+// In the child: whether all lines are shown; the clock, which moves on by `clockStep` seconds each time it is read;
+// what has happened so far.
+extern bool traced;
 extern time_t clockNow, clockStep;
 std::string transcript();

@@ -9,7 +9,6 @@
 // Before the names of the system's are redefined.
 #include <gtest/gtest.h>
 
-#include <cstdint>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
@@ -17,9 +16,7 @@
 
 using darwin_mode_t = std::uint16_t;
 
-inline int unmount(const char*, int) {
-    return 0;
-}
+const auto unmount = [](const char*, int) { return 0; };
 
 struct darwin_stat {
     darwin_mode_t st_mode;

@@ -2,14 +2,9 @@
 // others take. The test stands in for the library.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <sys/types.h>
 
-extern "C" {
-
-struct fuse_conn_info;
-struct setattr_x;
 using fuse_fill_dir_t = int (*)(void*, const char*, const struct stat*, off_t);
 
 struct fuse_file_info {
@@ -20,17 +15,15 @@ struct fuse_file_info {
 struct fuse_operations {
     int (*getattr)(const char*, struct stat*), (*mkdir)(const char*, mode_t), (*unlink)(const char*);
     int (*rmdir)(const char*), (*rename)(const char*, const char*), (*chmod)(const char*, mode_t);
-    int (*truncate)(const char*, off_t), (*open)(const char*, struct fuse_file_info*);
-    int (*read)(const char*, char*, std::size_t, off_t, struct fuse_file_info*);
-    int (*write)(const char*, const char*, std::size_t, off_t, struct fuse_file_info*);
-    int (*statfs)(const char*, struct statvfs*), (*flush)(const char*, struct fuse_file_info*);
+    int (*truncate)(const char*, off_t), (*open)(const char*, fuse_file_info*);
+    int (*read)(const char*, char*, std::size_t, off_t, fuse_file_info*);
+    int (*write)(const char*, const char*, std::size_t, off_t, fuse_file_info*);
+    int (*statfs)(const char*, struct statvfs*), (*flush)(const char*, fuse_file_info*);
     int (*getxattr)(const char*, const char*, char*, std::size_t, std::uint32_t);
-    int (*readdir)(const char*, void*, fuse_fill_dir_t, off_t, struct fuse_file_info*);
-    void* (*init)(struct fuse_conn_info*);
-    void (*destroy)(void*);
-    int (*create)(const char*, mode_t, struct fuse_file_info*), (*setattr_x)(const char*, struct setattr_x*);
+    int (*readdir)(const char*, void*, fuse_fill_dir_t, off_t, fuse_file_info*);
+    void* (*init)(struct fuse_conn_info*), (*destroy)(void*);
+    int (*create)(const char*, mode_t, fuse_file_info*), (*setattr_x)(const char*, struct setattr_x*);
     void* others[40];
 };
 
-int fuse_main_real(int argc, char* argv[], const struct fuse_operations* table, std::size_t size, void* userData);
-}
+extern "C" int fuse_main_real(int argc, char* argv[], const fuse_operations* table, std::size_t size, void* userData);
