@@ -86,10 +86,6 @@ std::string decode(std::string_view text) {
     return result;
 }
 
-bool isHash(std::string_view password) {
-    return password.starts_with('$') && password.find('$', 1) != std::string_view::npos;
-}
-
 // Empty, or what is wrong with a line.
 std::string readUser(std::string_view line, std::map<std::string, User>& found, bool& isPlain) {
     User user;
@@ -101,7 +97,7 @@ std::string readUser(std::string_view line, std::map<std::string, User>& found, 
         return "is not NAME:PASSWORD or NAME:PASSWORD:ro";
     }
     const std::string password(line.substr(colon + 1));
-    if (!isHash(password)) {
+    if (!password.starts_with('$') || password.find('$', 1) == std::string::npos) {
         isPlain = true;
         user.known = digestOf(password);
     } else if (const int check = crypt_checksalt(password.c_str());

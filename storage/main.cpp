@@ -79,13 +79,6 @@ void notifyManager() {
            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name)));
 }
 
-// What an address that other machines reach still needs; empty if nothing.
-std::string missingProtection(const Options& options) {
-    return options.noSecret && options.usersFile.empty()             ? "a secret or --users"
-           : options.certificateFile.empty() && !options.behindProxy ? "--tls-cert and --tls-key, or --behind-proxy"
-                                                                     : "";
-}
-
 } // namespace
 
 int main(int argc, char* argv[]) try {
@@ -107,12 +100,15 @@ int main(int argc, char* argv[]) try {
     if (!options.noSecret) {
         options.base += (options.base.ends_with('/') ? "" : "/") + takeSecret(options.secretFile) + "/";
     }
+    const bool isTls = !options.certificateFile.empty();
     const bool isLocalOnly = std::all_of(listeners.begin(), listeners.end(), isLocal);
-    if (const std::string missing = missingProtection(options); !isLocalOnly && !missing.empty()) {
+    const std::string missing = options.noSecret && options.usersFile.empty() ? "a secret or --users"
+                                : !isTls && !options.behindProxy ? "--tls-cert and --tls-key, or --behind-proxy"
+                                                                 : "";
+    if (!isLocalOnly && !missing.empty()) {
         throw std::invalid_argument("other machines reach the address, so this is missing: " + missing);
     }
     // Over HTTPS the host has to be one of the certificate's.
-    const bool isTls = !options.certificateFile.empty();
     const std::string host = isTls && !options.hosts.empty() ? options.hosts.front() : "";
     const std::string url = (isTls ? "https:" : "http:") + authorityOf(listeners.front(), host) + options.base;
     if (url.size() > longestBaseUrl) {
