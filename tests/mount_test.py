@@ -28,8 +28,8 @@ NOBODY = "http://127.0.0.1:9/"
 TWICE = signal.SIGINT, signal.SIGTERM
 
 
+# Starts a server that takes one request, answers it and is gone. Returns its URL.
 def one_answer(status: str, body: str = "", length: int | None = None) -> str:
-    """Starts a server that takes one request, answers it and is gone. Returns its URL."""
     listener = socket.create_server(("127.0.0.1", 0))
 
     def serve_once():

@@ -31,10 +31,9 @@ class Failure(Exception):
 running: list["Program"] = []  # all that were started, ended ones too
 
 
+# A program in a session of its own, which is killed when the thread that started it ends, whatever ends it. It writes
+# to LOG.out and LOG.err, which are emptied first.
 class Program(subprocess.Popen):
-    """A program in a session of its own, which is killed when the thread that started it ends, whatever ends it. It
-    writes to LOG.out and LOG.err, which are emptied first."""
-
     def __init__(self, command: Sequence[object], log: str, **options):
         self.command, self.log, self.url = [str(word) for word in command], str(log), ""
         with open(self.log + ".out", "wb") as out, open(self.log + ".err", "wb") as err:
@@ -46,8 +45,8 @@ class Program(subprocess.Popen):
         output = "".join(text(self.log + name)[-5000:] for name in (".out", ".err"))
         return Failure(f"{' '.join(self.command)[:300]}: {reason}\n{output}")
 
+    # Waits for its end; after the seconds it is killed. A Failure if its status is not the given one.
     def finish(self, status: int | None = 0, seconds: float | None = None) -> None:
-        """Waits for its end; after the seconds it is killed. A Failure if its status is not the given one."""
         try:
             self.wait(seconds)
         except subprocess.TimeoutExpired:
@@ -63,20 +62,20 @@ class Program(subprocess.Popen):
 start = Program
 
 
+# What a command of bash wrote to both streams, and its status.
 def shell(command: str) -> tuple[str, int]:
-    """What a command of bash wrote to both streams, and its status."""
     done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     return done.stdout.decode(errors="replace"), done.returncode
 
 
+# The bytes of a file, each as one character.
 def text(name: str | os.PathLike) -> str:
-    """The bytes of a file, each as one character."""
     with open(name, encoding="latin-1", newline="") as file:
         return file.read()
 
 
+# Returns when the condition holds. A Failure when one of the programs has ended before, or after the seconds.
 def until(condition: Callable[[], object], *programs: Program, seconds: float = 30) -> None:
-    """Returns when the condition holds. A Failure when one of the programs has ended before, or after the seconds."""
     last, failure = time.monotonic() + seconds, None
     while not condition():
         if failure:
@@ -100,16 +99,16 @@ def until_listening(server: Program, address: str, port: int) -> None:
     until(listens, server)
 
 
+# Starts a server. Its `url` is what it prints when it is ready.
 def serve(command: Sequence[object], log: str, **options) -> Program:
-    """Starts a server. Its `url` is what it prints when it is ready."""
     server = Program(command, log, **options)
     until(lambda: text(server.log + ".out").endswith("\n"), server)
     server.url = text(server.log + ".out").rstrip("\n")
     return server
 
 
+# The paths of what is mounted, of file systems of this kind, the last one first.
 def mount_points(kind: str = "") -> list[str]:
-    """The paths of what is mounted, of file systems of this kind, the last one first."""
     mounts = [line.split(" ") for line in reversed(text("/proc/self/mounts").splitlines())]
     return [point.replace(r"\040", " ") for _, point, its_kind, *_ in mounts if its_kind.startswith(kind)]
 
@@ -118,46 +117,46 @@ def detach(point: str) -> None:
     subprocess.run(["fusermount", "-u", "-z", "-q", point])
 
 
+# Whether the mount table has the path. Looking at the disk itself could wait for its server.
 def is_mounted(point: str | os.PathLike) -> bool:
-    """Whether the mount table has the path. Looking at the disk itself could wait for its server."""
     return os.path.abspath(point) in mount_points()
 
 
+# Starts a daemon that stays in the foreground, and returns it when the disk answers.
 def mount(command: Sequence[object], point: str | os.PathLike, log: str, **options) -> Program:
-    """Starts a daemon that stays in the foreground, and returns it when the disk answers."""
     daemon = Program(command, log, **options)
     until_mounted(point, daemon)
     return daemon
 
 
+# Until the disk answers.
 def until_mounted(point: str | os.PathLike, daemon: Program) -> None:
-    """Until the disk answers."""
     until(lambda: is_mounted(point) and os.access(f"{point}/.", os.F_OK), daemon)
 
 
+# Whether this user can mount a disk here.
 def has_fuse() -> bool:
-    """Whether this user can mount a disk here."""
     return subprocess.run(["sh", "-c", ": <>/dev/fuse"], stderr=subprocess.DEVNULL).returncode == 0
 
 
+# Writes the files key and cert, for a name (DNS:NAME or IP:ADDRESS), into the directory.
 def make_certificate(directory: str | os.PathLike, name: str = "IP:127.0.0.1") -> None:
-    """Writes the files key and cert, for a name (DNS:NAME or IP:ADDRESS), into the directory."""
     subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
                     "-days", "2", "-subj", "/CN=test", "-addext", f"subjectAltName={name}", "-keyout", "key", "-out",
                     "cert"], cwd=directory, stderr=subprocess.DEVNULL, check=True)
 
 
+# Shows a file or directory in another place; for name spaces of one's own.
 def bind(source: str, target: str) -> None:
-    """Shows a file or directory in another place; for name spaces of one's own."""
     subprocess.run(["mount", "--bind", source, target], check=True)
 
 
 # Name spaces.
 
 
+# Gives this process and what it starts name spaces of their own, in which an ordinary user is root. It must have one
+# thread only. A Failure where the system forbids it.
 def enter_spaces(kinds: int = NEW_MOUNTS) -> None:
-    """Gives this process and what it starts name spaces of their own, in which an ordinary user is root. It must have
-    one thread only. A Failure where the system forbids it."""
     user, group = os.geteuid(), os.getegid()
     if libc.unshare(kinds | (NEW_USERS if user else 0)) != 0:
         raise Failure(f"no name spaces: {os.strerror(ctypes.get_errno())}")
@@ -171,9 +170,9 @@ def enter_spaces(kinds: int = NEW_MOUNTS) -> None:
         detach(point)
 
 
+# Runs a function in a child process with mounts, a network and processes of its own, in a workplace. When it ends, or
+# this process does, everything that it has started is ended. A Failure if it fails.
 def in_spaces(story: Callable[[], None]) -> None:
-    """Runs a function in a child process with mounts, a network and processes of its own, in a workplace. When it ends,
-    or this process does, everything that it has started is ended. A Failure if it fails."""
     def enter() -> None:
         enter_spaces(NEW_MOUNTS | NEW_NETWORK)
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
@@ -187,9 +186,9 @@ def in_spaces(story: Callable[[], None]) -> None:
         raise Failure(f"ended with status {status}")
 
 
+# Runs a function in a child process, to which it passes its own end on. Returns the status. Until then it waits for all
+# children.
 def forked(work: Callable[[], None]) -> int:
-    """Runs a function in a child process, to which it passes its own end on. Returns the status. Until then it waits
-    for all children."""
     child = os.fork()
     if child == 0:
         libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
@@ -224,17 +223,17 @@ def say(line: str) -> None:
     print("== " + line, flush=True)
 
 
+# Runs commands of the shell that know scripts/common.sh. If they fail, this program ends with their status.
 def common(commands: str) -> None:
-    """Runs commands of the shell that know scripts/common.sh. If they fail, this program ends with their status."""
     done = subprocess.run(["bash", "-c", f'. "{TOP}/scripts/common.sh" && {commands}', sys.argv[0]])
     if done.returncode != 0:
         sys.exit(done.returncode)
 
 
+# A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in build/logs/NAME,
+# and this program ends with status 1.
 @contextlib.contextmanager
 def workplace(name: str, parent: str | None = None) -> Iterator[str]:
-    """A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in
-    build/logs/NAME, and this program ends with status 1."""
     def end(number, _):
         for each in signals:  # a second one does not disturb the cleaning, nor the programs that it uses
             signal.signal(each, lambda *_: None)
@@ -255,8 +254,8 @@ def workplace(name: str, parent: str | None = None) -> Iterator[str]:
         clean_up(work)
 
 
+# Kills what was started, unmounts what is mounted below a directory, and removes the directory.
 def clean_up(work: str) -> None:
-    """Kills what was started, unmounts what is mounted below a directory, and removes the directory."""
     for program in running:
         if program.poll() is None:
             os.killpg(program.pid, signal.SIGKILL)
@@ -272,8 +271,8 @@ def clean_up(work: str) -> None:
 # Tests.
 
 
+# A test with a scratch directory, and in it a directory that can be served.
 class ServerTest(unittest.TestCase):
-    """A test with a scratch directory, and in it a directory that can be served."""
     maxDiff = 5000
 
     def setUp(self):
@@ -286,8 +285,8 @@ class ServerTest(unittest.TestCase):
     def tearDown(self):
         self.end_server()
 
+    # Starts the server, or another command that serves the directory, after the end of the last one.
     def serve(self, *command: str) -> None:
-        """Starts the server, or another command that serves the directory, after the end of the last one."""
         self.end_server()
         self.server = serve([*(command or [STORAGE]), self.tree], self.scratch + "/server")
         self.url = self.server.url
