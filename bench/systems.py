@@ -6,6 +6,7 @@ import os
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -13,7 +14,7 @@ from dataclasses import dataclass
 from pathlib import Path
 from typing import Callable, Collection, Iterator, Sequence
 
-from programs import Failure, Program, bind, make_certificate, say, serve, until, until_listening
+from programs import Failure, Program, bind, make_certificate, say, serve, until
 
 HERE, THERE = "127.0.0.1", "192.0.2.2"  # the addresses of servers, near and far
 
@@ -91,7 +92,7 @@ http {{
 }}
 """)
     server = site.launch(name, "nginx", "-c", directory / "conf", "-e", directory / "errors")
-    until_listening(server, site.address, 8080)
+    until(lambda: socket.socket().connect_ex((site.address, 8080)) == 0, server)
     return f"{'https' if site.tls else 'http'}://{site.address}:8080/"
 
 
@@ -120,7 +121,7 @@ UserKnownHostsFile /dev/null
 BatchMode yes
 """)
     server = site.launch(name, shutil.which("sshd") or "/usr/sbin/sshd", "-D", "-e", "-f", directory / "sshd_config")
-    until_listening(server, site.address, 2222)
+    until(lambda: socket.socket().connect_ex((site.address, 2222)) == 0, server)
     return f"{site.address}:2222"
 
 

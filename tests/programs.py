@@ -4,12 +4,10 @@ import contextlib
 import ctypes
 import os
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
 import time
-import traceback
 import unittest
 from typing import Callable, Iterator, Sequence
 
@@ -89,14 +87,6 @@ def until(condition: Callable[[], object], *programs: Program, seconds: float = 
 
 
 # Servers and disks.
-
-
-def until_listening(server: Program, address: str, port: int) -> None:
-    def listens() -> bool:
-        with contextlib.suppress(OSError), socket.create_connection((address, port), 1):
-            return True
-        return False
-    until(listens, server)
 
 
 # Starts a server. Its `url` is what it prints when it is ready.
@@ -202,7 +192,7 @@ def forked(work: Callable[[], None]) -> int:
         except Failure as failure:
             print(failure, file=sys.stderr)
         except BaseException:
-            traceback.print_exc()
+            sys.excepthook(*sys.exc_info())
         sys.stdout.flush()
         os._exit(status)
     try:
