@@ -9,7 +9,6 @@ import select
 import signal
 import socket
 import ssl
-import threading
 import urllib.parse
 
 from programs import STORAGE, TOP, ServerTest, shell, start, text, until
@@ -376,25 +375,6 @@ class StorageTest(ServerTest):
         until(lambda: "clients have to wait: Too many open files" in text(self.scratch + "/server.err"))
         resource.prlimit(self.server.pid, resource.RLIMIT_NOFILE, (4096, 4096))
         self.assertIsNone(difference("200 content", self.rest(waiting)))
-
-    # The kernel does not finish its walk through a link with ".." when something is renamed meanwhile.
-    def test_link_that_is_being_changed(self):
-        self.serve()
-        replies = set()
-
-        def change():
-            while replies != {"200", "404"}:
-                for target in ("d", "../outside"):
-                    os.symlink(target, self.tree + "/next")
-                    os.rename(self.tree + "/next", self.tree + "/switch")
-        changer = threading.Thread(target=change, daemon=True)
-        changer.start()
-        while changer.is_alive():
-            for _ in range(200):
-                self.expect("200 content", "/odd/%22%5C%1F")
-            replies |= {self.ask("/switch/in")[9:12] for _ in range(50)}
-            self.expect("404 ", f"PUT $/switch/secret{WRITE}0\n\nX")
-        self.assertEqual(text(self.scratch + "/outside/secret"), "secret")
 
     # The file gets shorter while it is sent: the reply breaks off, and nobody waits for the rest.
     def test_file_that_gets_shorter(self):
