@@ -169,7 +169,7 @@ $ mkdir /dir x/new; E kelvane_mkdir: /dir x/new; > GET /%2Fdir%20x%2Fnew?action=
   > GET /%2Fdir%20x%2Fnew?action=props|; < 200 DIR4096; = 0; $ show /dir x/new; O new 1 16877 4096 OTHERS
 $ mkdir /m; E kelvane_mkdir: /m; > GET /%2Fm?action=mkdir|; < 201 {"hc":200}; FAIL; = -2
 $ mkdir /m; ? 200 call({"hc":500}); ? 200 {"HC":200,"hc":5}; > GET /%2Fm?action=props|; < 404; = 0
-$ mkdir /m; ? 200 {"hc":"200"}; ? 200 {"hc":1e99}; ? 200 {"hc":500}; FAIL; = -2
+$ mkdir /m; ? 200 {"hc":"200"}; ? 200 {"hc":500}; FAIL; = -2
 $ mkdir /m; ? 200 [200]; ? 200 {}; E The service's reply lacks the member "hc".; signal 6
 $ unlink /a.txt; E kelvane_unlink: /a.txt; > GET /%2Fa.txt?action=unlink|; < 204; > GET /%2Fa.txt?action=props|
   < 404 no; = 0; $ show /a.txt; O none
@@ -190,12 +190,11 @@ $ create /d/c; E kelvane_create: /d/c mode: 33188 flags: -5 uid: 65534; > GET /%
 $ open /d/no; E kelvane_open: /d/no flags: -5; FAIL; O -2; = 1026
   $ open /d/old; E kelvane_open: /d/old flags: -5; O 0; = -5; $ flush /m; E kelvane_flush: /m; = 0
   $ chmod /a.txt; E kelvane_chmod: /a.txt -> 384; = 0; $ setattr /m; E kelvane_setattr_x: /m; = 0
+  $ signals; O settings up signal handlers; = 0
 $ read /a.txt,2; E kelvane_read: /a.txt (2, 4); > GET /%2Fa.txt|Range: bytes=2-5|; < 206 cBYTE0efgh; O 4 cBYTE0ef???
 $ read /a.txt,2; ? 206 cd; O 2 cd?????
-$ read /a.txt,2; ? 200 abcdefgh; O 4 cdef???
-$ read /a.txt,2; ? 404 gone; O 2 ne?????
+$ read /a.txt,2; ? 200 abcdefgh; ? 404 abcdef; O 4 cdef???
 $ read /a.txt,2; ? 416 n; O 0 ???????
-$ read /a.txt,2; ? HTTP/1.1 206 OK\r\nContent-Length: 9\r\n\r\n{; O CURL error: Transferred a partial file; exit 1
 $ getattr /a.txt; E kelvane_getattr: /a.txt; O 0 0 5 0 0 0 0 0 65534 4321
   $ getattr /no; E kelvane_getattr: /no; O No attr for: /no; O -2 ZEROS
 $ register Disk (srv); E kelvane_getattr: /no; O No attr for: /no; E kelvane_getattr: /no; O No attr for: /no; O -2 -2
@@ -208,11 +207,8 @@ $ statfs; > GET /?action=statvfs|; < 503 {}; O 0 7 0 0 0 0 0 0 0; $ statfs; > GE
 $ setxattr NFC,one; $ setxattr NFD,two; $ getxattr NFC; E kelvane_getxattr: /a.txt - NFC (size: 3, pos: 2)
   O 3 ??two??; $ removexattr NFC; E kelvane_removexattr: /a.txt - NFC; = 0; $ listxattr; E kelvane_listxattr: /a.txt
   = 0; $ getxattr NFD; E kelvane_getxattr: /a.txt - NFD (size: 3, pos: 2); O -93 ??two??
-$ signals; O settings up signal handlers; = 0
 
 // Writes in parts.
-$ write /a.txt,131072,9; E kelvane_write: path: /a.txt size: 131072 offset: 9; SEND9|TYPEa*131072; < 299 FILE5
-  = 131072; $ show /a.txt; O a.txt 2 33188 5 OTHERS
 $ write /a.txt,300000,5000000000; ...; SEND5000000000|TYPEa*131072; < 200 SOCKET; SEND5000131072|TYPEb*131072
   < 201 SOCKET; SEND5000262144|TYPEc*37856; < 200 FILE5; = 300000; $ show /a.txt; O a.txt 2 33188 5 OTHERS
 $ write /a.txt,131073,0; ...; SEND0|TYPEa*131072; < 200 FILE5; SEND131072|TYPEb*1; < 300; = -1
@@ -227,7 +223,6 @@ $ write /NFD,1,0; ? 200 FILE5; = 1; $ unlink /NFC; E kelvane_unlink: /NFC; > GET
 // Refreshes.
 $ update /a.txt; ? 200; ? 200 TEXTS; = 0; $ show /a.txt; O a.txt 2 0 0 0 0 0 0 0 65534 4321
 $ update /a.txt; ? 403 FILE5; ? 201 FILE5; = 0; $ show /a.txt; O none
-$ update /a.txt; ? 200 {"s":1,"b":1,"m":33188,"nl":1,"at":1,"mt":1}; signal 6
 
 // The age of the cache, and what it takes in.
 $ clock 1060; $ show /d/no; O none; $ show /a.txt/x; O none; $ update /no/x; = 0; $ add /a.txt; = 0
@@ -259,10 +254,9 @@ $ trace; $ list /; E kelvane_readdir: /; O DirReadOriginalEncodingPathUnlocked: 
   O getURL: 36 bytes retrieved; O in 2 0 3 0 0 0 0 0 65534 4321; $ show /; O  1 16877 4096 OTHERS
   $ put q; O DirReadOriginalEncodingPathUnlocked: ; > PUT /?q|TYPE; < 201 x; O 0 bytes retrieved; $ get q
   E getURL: path: , query: q; O DirReadOriginalEncodingPathUnlocked: ; E getURL: url: BASE?q; > GET /?q|A: 1|B: 2|
-  < 204; O getURL: 0 bytes retrieved
+  < 204; O getURL: 0 bytes retrieved; $ overflow; O not enough memory (realloc returned NULL)
 
 // Transfers that fail, and replies that nobody should send.
-$ overflow; O not enough memory (realloc returned NULL)
 $ spell /NNNNNNnnnnn; ...; signal 6
 $ parse x; = 0; $ parse {}; = 1; $ parse {}; signal 6
 $ list /; ? 404 AB; ? 302 AB; ? HTTP/1.1 302 OK\r\nLocation: BASE\r\n\r\nAB; O 0 is a 0 b 0
@@ -270,19 +264,17 @@ $ list /; ? 200 [; O Failed to parse: [; O 0 is
 $ list /; ? HTTP/1.1 200 OK\r\nContent-Length: 20\r\n\r\nAB; ? 200 {"entries":"LONG"}
   ? 200 {"entries":[1,"x",null,true,[],{},{"t":4},{"n":7,"t":8},{"n":"","t":8},{"n":"x/y","t":8}]}
   ? 200 {"entries":[{"n":"LONG","t":8}]}; O 0 is
-$ list /; ? 200 {"ENTRIES":[{"N":"x","n":"y","T":8,"t":[]}],"entries":[]}
-  ? 200 {"entries":{"k":{"n":"x\u0000b","t":8}}}
-  ? 200 {"entries":[{"n":"x","t":[],"s":"1","m":{},"b":1e400,"mt":-1e999,"at":99999999999999999999}]}; O 0 is x 0
+$ list /; ? 200 {"Entries":{"k":{"N":"x","t":[],"s":"1","m":{},"b":1e400,"mt":-1e999,"at":99999999999}}}; O 0 is x 0
 $ list /; ? 200 {"entries":[{"n":"x","t":8},{"n":"a","t":4,"S":3e9},{"t":4},{"n":"..","t":8},{"n":"x","t":8,"s":7}]}
   O 0 is a 2147483647 .. 2147483647 x 7
-$ list /; ? 200 {"entries":[{"n":"NNN","t":8},{"n":"NNNb","t":8},{"n":"NNNc","t":8},{"n":"NNNd","t":8},{"n":"e","t":8}]}
+$ list /; E kelvane_readdir: /; > GET /|
+  < 200 {"entries":[{"n":"NNN","t":8},{"n":"NNNb","t":8},{"n":"NNNc","t":8},{"n":"NNNd","t":8},{"n":"e","t":8}]}
   O CACHE-DirRead: adding: NNN; O CACHE-DirRead: adding: NNNb; O CACHE-DirRead: adding: NNNc
   O CACHE-DirRead: adding: NNNd; O CACHE-DirRead: adding: e; O 0 is NNN 0 NNNb 0 NNNc 0 NNNd 0 e 0
-$ list /; ? 200 {"entries":[{"n":"x"}]}; E The service's reply lacks the member "t".; signal 6
-$ list /; ? 200 []; ? 200 {"entries":[{"n":"x","t":8},{"n":"LONG","t":8}]}; signal 6
+$ list /; ? 200 []; ? 200 {"entries":[{"n":"x"}]}; ? 200 {"entries":[{"n":"x","t":8},{"n":"LONG","t":8}]}; signal 6
 $ list /; E kelvane_readdir: /; > GET /|; < reset; O CURL error: Failure when receiving data from the peer; exit 1
 $ list /; ? SSH-2.0 hello\r\n; ? HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\nzz\r\nabc
-  ? resetHTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\nAB; exit 1
+  ? HTTP/1.1 200 OK\r\nContent-Length: 900\r\n\r\nAB; exit 1
 )");
 }
 
@@ -291,16 +283,13 @@ TEST(Calls, Names) {
 $ pick a,NFC,A,a; O a 3; $ pick NFC,NFC,NFD; O NFD 1; $ pick LIG,fi,LIG; O LIG 1; $ pick BAD,BAD; O BAD 1
   $ pick BAD,a; O none 1; $ nfc BAD; = 0; $ pick LIGNFD,LIGNFC,fiNFC; O LIGNFC 2; $ pick LIGNFC,LIGNFD,fiNFC; O fiNFC 2
   $ pick LIGNFC,LIGNFD,fiNFD; O LIGNFD 2; $ pick LIGNFC,fiNFD; O fiNFD 1; $ pick NNNnn; O none 0
-  $ pick JAMO,HANGUL; O HANGUL 1
+  $ pick JAMO,HANGUL; O HANGUL 1; $ flags CREATE; = 4865; $ flags APPEND; = 4218882
 $ pick NNNNFC,NNNNFC; signal 6
-$ pick NNNNFC; signal 6
 $ pick NNNnnn; signal 6
-$ flags CREATE; = 4865; $ flags APPEND; = 4218882
 $ inform A (b) (c); E informing finder to add disk to sidebar: A (b) (c); E path: HOMEc/A (b); $ inform Disk (srv
   E informing finder to add disk to sidebar: Disk (srv; $ inform N64 (N64)
   E informing finder to add disk to sidebar: N64 (N64); E path: HOMEN64/N64
 $ inform Disk(srv); ...; E path: HOMEsrv/Dis
-$ inform (srv); ...; signal 6
 $ inform Dis)(srv; ...; signal 6
 )");
 }

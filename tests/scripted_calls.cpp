@@ -71,7 +71,7 @@ FILE* noteStream(const char* tag) {
     alarm(100);
     finderInformed = 1;
     initLibCurl();
-    static std::list<std::string> fields; // what calls keep of their arguments lives as long as the child
+    std::list<std::string> fields; // what calls keep of their arguments lives as long as the child
     for (std::istringstream lines(row); std::getline(lines, fields.emplace_back());) {
         if (fields.back().starts_with("$ ")) {
             note("", fields.back());
