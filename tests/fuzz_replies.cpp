@@ -1,6 +1,5 @@
 // libFuzzer target: gives any reply to each of the daemon's calls that read one. A reply that ends the daemon through
 // abort() is allowed; everything else that goes wrong is a finding.
-#include "cache/dir_entry.h"
 #include "cache/refresh.h"
 #include "cache/remote_fetch.h"
 #include "cache/root.h"
