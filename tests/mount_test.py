@@ -82,7 +82,7 @@ class MountTest(ServerTest):
         until(lambda: not is_mounted(self.disk))
 
     def failed(self, line):
-        self.daemon.wait()
+        self.daemon.finish(1, 30)
         if os.geteuid() != 0:  # only root's dead disks are found by every release's -o auto_unmount
             shell(f"fusermount -u -z '{self.disk}'")
         self.ended(1)
