@@ -14,7 +14,7 @@ from programs import (AUTHORITIES, BIN, PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VF
                       enter_spaces, has_fuse, is_mounted, libc, mount, mount_points, serve, shell, text, until,
                       until_mounted)
 
-os.environ["PATH"] = f"{BIN}:{TOP}/packaging:" + os.environ["PATH"]
+os.environ["PATH"] = f"{BIN}:{TOP}/packaging:{TOP}/tools:" + os.environ["PATH"]
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
 # The daemon has to ignore its environment, and a blocked signal that it inherits.
 STARTER = ["env", "--block-signal=RTMIN", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9",
