@@ -101,7 +101,9 @@ apt-get install --no-install-recommends ${missing[*]}"
     mkdir -p "$logs"
     # Settings that somebody has changed stay as they are, without a question.
     # shellcheck disable=SC2016
-    local install='units() { systemctl --root=/ list-unit-files --state=enabled --no-legend | cut -d" " -f1 | sort; }
+    local install='units() {
+            systemctl --root=/ list-unit-files --state=enabled --no-legend 2>/dev/null | cut -d" " -f1 | sort
+        }
         policy=/usr/sbin/policy-rc.d before=$(units)
         [ -e $policy ] || { trap "rm $policy" EXIT && printf "#!/bin/sh\nexit 101\n" >$policy && chmod 755 $policy; }
         apt-get update -q && apt-get install -qy --no-install-recommends \
