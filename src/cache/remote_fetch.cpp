@@ -83,8 +83,7 @@ int DirFetchRemoteAttr(const char* path, struct stat* st) {
 }
 
 int DirFetchRemoteDir(const char* path, DirEntry* dir) {
-    // Before the request: it rebuilds its path through the look-up, which would otherwise ask for this
-    // listing again without end.
+    // Before the request: its age counts from the question, and a listing that fails is not asked for again.
     dir->fetchTime = std::time(nullptr);
     char* reply = getURL(path, nullptr, nullptr, nullptr, nullptr);
     const cJSON* listing = parseReply(reply);
