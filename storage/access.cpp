@@ -109,7 +109,7 @@ std::string readUser(std::string_view line, std::map<std::string, User>& found, 
     return found.emplace(std::string(line.substr(0, colon)), user).second ? "" : "has a name that is there already";
 }
 
-unsigned checkUser(std::string_view credentials, std::string& user, bool& readOnly) {
+unsigned checkUser(std::string_view credentials, Request& request) {
     const std::string decoded = decode(credentials);
     const std::size_t colon = decoded.find(':');
     const bool isDecoded = colon != std::string::npos;
@@ -125,13 +125,12 @@ unsigned checkUser(std::string_view credentials, std::string& user, bool& readOn
         }
         const auto found = users.find(name);
         const bool isThere = found != users.end();
-        // Without such a name it checks the password of a user that depends on the name, so that the time does not
-        // tell.
+        // A name that is not there is checked against the hash of another, always the same: the time does not tell.
         const User& candidate =
             (isThere ? found : std::next(users.begin(), digestOf(name).front() % users.size()))->second;
         if (isThere && candidate.known && gnutls_memcmp(digest.data(), candidate.known->data(), digest.size()) == 0) {
-            user = name;
-            readOnly = candidate.readOnly;
+            request.user = name;
+            request.readOnly |= candidate.readOnly;
             return 0;
         }
         const std::string hash = candidate.hash;
@@ -194,18 +193,15 @@ std::string takeSecret(const std::string& file) {
     // A crash leaves an empty file behind, and the next start fills it. The lock lets one of several starts do so.
     const Descriptor opened(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, S_IRUSR | S_IWUSR));
     struct stat st;
-    std::string secret;
     if (opened.number >= 0 && flock(opened.number, LOCK_EX) == 0 && fstat(opened.number, &st) == 0 && st.st_size == 0 &&
         S_ISREG(st.st_mode) && (st.st_mode & S_IRWXO) == 0) {
-        secret = makeSecret();
-        if (dprintf(opened.number, "%s\n", secret.c_str()) < 0 || fsync(opened.number) != 0) {
+        if (dprintf(opened.number, "%s\n", makeSecret().c_str()) < 0 || fsync(opened.number) != 0) {
             const int error = errno;
             static_cast<void>(ftruncate(opened.number, 0) == 0);
             throw std::system_error(error, std::generic_category(), file);
         }
-        return secret;
     }
-    secret = readSettings(file, true);
+    std::string secret = readSettings(file, true);
     secret.erase(std::min(secret.find('\n'), secret.size()));
     if (secret.size() != secretLength || secret.find_first_not_of(base64url) != std::string::npos) {
         throw std::runtime_error(file + ": its first line is not a secret of 22 letters, digits, \"-\" and \"_\"");
@@ -259,9 +255,5 @@ unsigned admit(const RequestHead& head, const Options& options, Request& request
     const bool isBasic = isSameName(credentials.substr(0, scheme.size()), scheme);
     credentials.remove_prefix(isBasic ? std::min(credentials.find_first_not_of(' ', scheme.size()), credentials.size())
                                       : credentials.size());
-    if (const unsigned status = checkUser(credentials, request.user, request.readOnly); status != 0) {
-        return status;
-    }
-    request.readOnly |= options.readOnly;
-    return 0;
+    return checkUser(credentials, request);
 }

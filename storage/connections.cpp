@@ -1,29 +1,103 @@
 #include "storage/connections.h"
 
 #include "storage/log.h"
-#include "storage/options.h"
 
+#include <arpa/inet.h>
 #include <atomic>
 #include <chrono>
-#include <iterator>
-#include <list>
+#include <cstdlib>
 #include <map>
 #include <mutex>
+#include <netdb.h>
 #include <poll.h>
-#include <stdexcept>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/un.h>
 
 namespace {
 
 using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
 
+constexpr int firstInherited = 3; // of the sockets from the service manager
+constexpr int backlog = 1024;
+constexpr int maxAttempts = 64;
+// For each connection, which inherits it. It bounds the memory of the kernel that clients take which do not read.
+constexpr int sendBuffer = 1 << 18;
 constexpr seconds headerTime(30);
 constexpr seconds headerTimeInCrowd(1);
 constexpr seconds bodyTime(60);
 constexpr int lookMilliseconds = 1000; // between two looks at the clients
 constexpr int lookMillisecondsInCrowd = 50;
+
+union Address {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6; // the port is at the same place
+    sockaddr_un local;
+};
+
+Address addressOf(const Descriptor& listener) {
+    Address address = {.local = {}};
+    socklen_t length = sizeof address - 1; // a path ends with a NUL
+    getsockname(listener.number, &address.any, &length);
+    return address;
+}
+
+bool setOption(int listener, int level, int option, int value) {
+    return setsockopt(listener, level, option, &value, sizeof value) == 0;
+}
+
+// `raw` are the bytes of a socket address.
+Descriptor listenOn(const std::string& raw, in_port_t port) {
+    Address address = {.local = {}};
+    std::memcpy(&address, raw.data(), raw.size());
+    address.v4.sin_port = port != 0 ? port : address.v4.sin_port;
+    const bool isV6 = address.any.sa_family == AF_INET6;
+    Descriptor made(resultOf(socket(address.any.sa_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)));
+    const bool isListening = setOption(made.number, SOL_SOCKET, SO_SNDBUF, sendBuffer) &&
+                             setOption(made.number, SOL_SOCKET, SO_REUSEADDR, 1) &&
+                             (!isV6 || setOption(made.number, IPPROTO_IPV6, IPV6_V6ONLY, 1)) &&
+                             bind(made.number, &address.any, raw.size()) == 0 && listen(made.number, backlog) == 0;
+    return isListening || made.number < 0 ? std::move(made) : Descriptor(-errno);
+}
+
+// Adds the addresses of `name` that are not there yet.
+void resolve(const std::string& name, const std::string& port, std::vector<std::string>& addresses) {
+    // localhost has two addresses, whatever the hosts file says, because clients try both.
+    if (name == "localhost" || name == "::") {
+        resolve(name == "::" ? "0.0.0.0" : "127.0.0.1", port, addresses);
+    }
+    const addrinfo hints = {.ai_flags = AI_PASSIVE, .ai_socktype = SOCK_STREAM};
+    addrinfo* found = nullptr;
+    const int error = getaddrinfo(name == "localhost" ? "::1" : name.c_str(), port.c_str(), &hints, &found);
+    if (error != 0) {
+        throw std::runtime_error("cannot serve on " + name + ": " + gai_strerror(error));
+    }
+    for (const addrinfo* each = found; each != nullptr; each = each->ai_next) {
+        const std::string raw(reinterpret_cast<const char*>(each->ai_addr), each->ai_addrlen);
+        if (std::find(addresses.begin(), addresses.end(), raw) == addresses.end()) {
+            addresses.push_back(raw);
+        }
+    }
+    freeaddrinfo(found);
+}
+
+// Listens with the port that the first address gets. Returns 0 or a negated error number.
+int listenOnEach(const std::vector<std::string>& addresses, std::vector<Descriptor>& listeners) {
+    int error = -EADDRNOTAVAIL;
+    listeners.clear();
+    for (const std::string& address : addresses) {
+        Descriptor made = listenOn(address, listeners.empty() ? 0 : addressOf(listeners.front()).v4.sin_port);
+        error = std::min(made.number, 0);
+        if (error == 0) {
+            listeners.push_back(std::move(made));
+        } else if (error == -EADDRINUSE) {
+            return error;
+        }
+    }
+    return listeners.empty() ? error : 0;
+}
 
 struct Client {
     std::atomic<Phase> phase = Phase::stranger;
@@ -46,10 +120,9 @@ Client& clientOf(MHD_Connection* connection) {
 
 // Returns 0 or a negated error number.
 int acceptOne(MHD_Daemon* daemon, int listener) try {
-    sockaddr_storage address = {};
+    Address address = {.local = {}};
     socklen_t length = sizeof address;
-    auto* const place = reinterpret_cast<sockaddr*>(&address);
-    Descriptor socket(resultOf(accept4(listener, place, &length, SOCK_NONBLOCK | SOCK_CLOEXEC)));
+    Descriptor socket(resultOf(accept4(listener, &address.any, &length, SOCK_NONBLOCK | SOCK_CLOEXEC)));
     if (socket.number < 0) {
         return socket.number;
     }
@@ -59,7 +132,7 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
         clients.try_emplace(socket.number);
     }
     const int added = std::exchange(socket.number, -1); // the library closes it
-    if (MHD_add_connection(daemon, added, place, length) == MHD_YES) {
+    if (MHD_add_connection(daemon, added, &address.any, length) == MHD_YES) {
         return 0;
     }
     const int error = errno == ENOMEM ? -ENOMEM : 0; // or the address has too many
@@ -70,23 +143,62 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
     return -ENOMEM;
 }
 
-struct Certificate {
-    gnutls_pcert_st chain[16];
-    unsigned length = std::size(decltype(chain){});
-    gnutls_privkey_t key = nullptr;
-    gnutls_certificate_credentials_t pair = nullptr;
-};
+} // namespace
 
-// A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
-// few kilobytes.
-std::list<Certificate>& certificates = *new std::list<Certificate>;
-std::atomic<Certificate*> current;
-
-gnutls_datum_t dataOf(std::string& text) {
-    return {reinterpret_cast<unsigned char*>(text.data()), static_cast<unsigned>(text.size())};
+std::vector<Descriptor> inheritListeners() {
+    const char* process = std::getenv("LISTEN_PID");
+    const char* count = std::getenv("LISTEN_FDS");
+    std::vector<Descriptor> listeners;
+    if (process != nullptr && count != nullptr && process == std::to_string(getpid())) {
+        for (int i = 0; i < std::atoi(count); ++i) {
+            const int listener = listeners.emplace_back(firstInherited + i).number;
+            fcntl(listener, F_SETFD, FD_CLOEXEC);
+            fcntl(listener, F_SETFL, fcntl(listener, F_GETFL) | O_NONBLOCK);
+            setOption(listener, SOL_SOCKET, SO_SNDBUF, sendBuffer);
+        }
+    }
+    return listeners;
 }
 
-} // namespace
+std::vector<Descriptor> openListeners(const std::vector<std::string>& names, const std::string& port) {
+    std::vector<std::string> addresses;
+    for (const std::string& name : names) {
+        resolve(name, port, addresses);
+    }
+    std::vector<Descriptor> listeners;
+    int error = -EADDRINUSE;
+    // A port that is free for one address can be taken for another.
+    for (int attempts = 0; attempts < maxAttempts && error == -EADDRINUSE; ++attempts) {
+        error = listenOnEach(addresses, listeners);
+    }
+    if (error != 0) {
+        throw std::system_error(-error, std::generic_category(), "cannot serve on " + names.back() + " port " + port);
+    }
+    return listeners;
+}
+
+bool isLocal(const Descriptor& listener) {
+    const Address address = addressOf(listener);
+    return address.any.sa_family == AF_UNIX ||
+           (address.any.sa_family == AF_INET ? ntohl(address.v4.sin_addr.s_addr) >> 24 == IN_LOOPBACKNET
+                                             : IN6_IS_ADDR_LOOPBACK(&address.v6.sin6_addr));
+}
+
+std::string authorityOf(const Descriptor& listener, const std::string& host) {
+    const Address address = addressOf(listener);
+    if (address.any.sa_family == AF_UNIX) {
+        return std::string("//unix:") + address.local.sun_path + ":";
+    }
+    char text[INET6_ADDRSTRLEN] = "";
+    const bool isV6 = address.any.sa_family == AF_INET6;
+    inet_ntop(address.any.sa_family, isV6 ? static_cast<const void*>(&address.v6.sin6_addr) : &address.v4.sin_addr,
+              text, sizeof text);
+    const std::string own = std::strcmp(text, "0.0.0.0") == 0 ? "127.0.0.1"
+                            : std::strcmp(text, "::") == 0    ? "::1"
+                                                              : text;
+    const std::string name = !host.empty() ? host : isV6 ? "[" + own + "]" : own;
+    return "//" + name + ":" + std::to_string(ntohs(address.v4.sin_port));
+}
 
 Clients endSlowClients(bool isCrowded) {
     const Clock::time_point now = Clock::now();
@@ -94,10 +206,9 @@ Clients endSlowClients(bool isCrowded) {
     const std::lock_guard lock(clientsMutex);
     for (const auto& [socket, client] : clients) {
         const Phase phase = client.phase;
-        const bool isStranger = phase == Phase::stranger;
-        const seconds time = !isStranger ? bodyTime : isCrowded ? headerTimeInCrowd : headerTime;
+        const seconds time = phase != Phase::stranger ? bodyTime : isCrowded ? headerTimeInCrowd : headerTime;
         ++counted.all;
-        counted.strangers += isStranger ? 1 : 0;
+        counted.strangers += phase == Phase::stranger ? 1 : 0;
         if (phase != Phase::served && now - client.since.load() > time) {
             shutdown(socket, SHUT_RDWR); // its thread does the rest
         }
@@ -153,33 +264,4 @@ void enter(MHD_Connection* connection, Phase phase) {
 
 Phase phaseOf(MHD_Connection* connection) {
     return clientOf(connection).phase;
-}
-
-void readCertificate(const std::string& certificateFile, const std::string& keyFile) {
-    std::string chainText = readSettings(certificateFile, false);
-    std::string keyText = readSettings(keyFile, true);
-    const gnutls_datum_t chain = dataOf(chainText);
-    const gnutls_datum_t key = dataOf(keyText);
-    const auto check = [&](int result) {
-        if (result < 0) {
-            throw std::runtime_error(certificateFile + " and " + keyFile + ": " + gnutls_strerror(result));
-        }
-    };
-    Certificate& made = certificates.emplace_back();
-    check(gnutls_certificate_allocate_credentials(&made.pair));
-    // This fails when the key is that of another certificate.
-    check(gnutls_certificate_set_x509_key_mem2(made.pair, &chain, &key, GNUTLS_X509_FMT_PEM, nullptr, 0));
-    check(gnutls_pcert_list_import_x509_raw(made.chain, &made.length, &chain, GNUTLS_X509_FMT_PEM, 0));
-    check(gnutls_privkey_init(&made.key));
-    check(gnutls_privkey_import_x509_raw(made.key, &key, GNUTLS_X509_FMT_PEM, nullptr, 0));
-    current = &made;
-}
-
-int chooseCertificate(gnutls_session_t, const gnutls_datum_t*, int, const gnutls_pk_algorithm_t*, int,
-                      gnutls_pcert_st** chain, unsigned* chainLength, gnutls_privkey_t* key) {
-    Certificate* const chosen = current;
-    *chain = chosen->chain;
-    *chainLength = chosen->length;
-    *key = chosen->key;
-    return 0;
 }

@@ -1,9 +1,8 @@
-// The connections of the service: how they are accepted, the certificate that they show, and when they are ended.
+// The connections of the service: the sockets that listen for them, how they are accepted, and when they are ended.
 #pragma once
 
 #include "storage/system.h"
 
-#include <gnutls/abstract.h>
 #include <microhttpd.h>
 
 // A stranger has not shown yet that it has access; its time runs from the beginning of the connection. Of a client that
@@ -14,6 +13,20 @@ struct Clients {
     unsigned all = 0;
     unsigned strangers = 0;
 };
+
+// The sockets that the service manager has opened (sd_listen_fds(3)); none if it has not.
+std::vector<Descriptor> inheritListeners();
+
+// Listens on all addresses of all `names`, with the same port; `port` "0" picks a free one. Addresses that this machine
+// does not have are left out unless it has none of them. Throws std::runtime_error, in words.
+std::vector<Descriptor> openListeners(const std::vector<std::string>& names, const std::string& port);
+
+// True for a socket that only this machine reaches.
+bool isLocal(const Descriptor& listener);
+
+// "//HOST:PORT" for a URL that reaches the socket from this machine. HOST is `host`, or the socket's address if that is
+// empty. For a Unix socket "//unix:PATH:", as nginx writes it.
+std::string authorityOf(const Descriptor& listener, const std::string& host);
 
 // Hands every connection that comes to `listeners` over to `daemon`, `most` at the same time (more wait in the kernel),
 // and ends those that are too slow. Returns the number of the signal that `signals` (a signalfd) has brought.
@@ -27,12 +40,3 @@ void onConnection(void*, MHD_Connection* connection, void** context, MHD_Connect
 
 void enter(MHD_Connection* connection, Phase phase);
 Phase phaseOf(MHD_Connection* connection);
-
-// Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. If
-// something is wrong, that is thrown in words, and the certificate that was read before stays in use.
-void readCertificate(const std::string& certificateFile, const std::string& keyFile);
-
-// The callback for MHD_OPTION_HTTPS_CERT_CALLBACK: gives the certificate that was read last.
-int chooseCertificate(gnutls_session_t session, const gnutls_datum_t* authorities, int authorityCount,
-                      const gnutls_pk_algorithm_t* algorithms, int algorithmCount, gnutls_pcert_st** chain,
-                      unsigned* chainLength, gnutls_privkey_t* key);

@@ -32,15 +32,17 @@ void appendAttributes(std::string& json, const struct stat& st) {
 }
 
 void appendString(std::string& json, std::string_view text) {
+    const auto isEscaped = [](unsigned char c) { return c < ' ' || c == '"' || c == '\\'; };
     json += '"';
-    for (const unsigned char c : text) {
-        if (c < ' ') {
-            char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", c);
-            json += escape;
-        } else {
-            json.append(c == '"' || c == '\\' ? "\\" : "").append(1, static_cast<char>(c));
+    for (const char* next = text.begin();; ++next) {
+        const char* const plain = std::exchange(next, std::find_if(next, text.end(), isEscaped));
+        json.append(plain, next);
+        if (next == text.end()) {
+            break;
         }
+        char escape[8];
+        std::snprintf(escape, sizeof escape, *next < ' ' ? "\\u%04x" : "\\%c", *next);
+        json += escape;
     }
     json += '"';
 }

@@ -1,7 +1,6 @@
 // kelvane_storage: serves a local directory to kelvane_vfs.
 #include "storage/access.h"
 #include "storage/connections.h"
-#include "storage/listeners.h"
 #include "storage/log.h"
 #include "storage/options.h"
 #include "storage/service.h"

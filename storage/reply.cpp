@@ -118,7 +118,7 @@ Reply listing(Request& request, Descriptor directory) {
 // becomes shorter at the same time.
 Reply content(Request& request, Descriptor file, std::uint64_t size) {
     Range range = {};
-    const RangeKind kind = parseRange(request.range, size, range);
+    const bool isPart = parseRange(request.range, size, range);
     Reply reply = {.status = MHD_HTTP_OK,
                    .headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/octet-stream"},
                                {MHD_HTTP_HEADER_ACCEPT_RANGES, "bytes"}}};
@@ -134,7 +134,7 @@ Reply content(Request& request, Descriptor file, std::uint64_t size) {
         range.length = count;
     }
     reply.length = range.length;
-    if (kind != RangeKind::whole) {
+    if (isPart) {
         const bool isEmpty = range.length == 0;
         const std::string last = std::to_string(range.first + range.length - 1);
         const std::string span = isEmpty ? "*" : std::to_string(range.first) + "-" + last;
@@ -213,8 +213,8 @@ MHD_Result send(MHD_Connection* connection, Reply& reply) {
     if (response == nullptr) {
         return MHD_NO; // closes the connection
     }
-    for (const Header& header : reply.headers) {
-        MHD_add_response_header(response, header.name, header.value.c_str());
+    for (const auto& [name, value] : reply.headers) {
+        MHD_add_response_header(response, name, value.c_str());
     }
     if (reply.isLast) {
         MHD_add_response_header(response, MHD_HTTP_HEADER_CONNECTION, "close");
@@ -224,11 +224,15 @@ MHD_Result send(MHD_Connection* connection, Reply& reply) {
     return queued;
 }
 
-MHD_Result sendShortage(MHD_Connection* connection, Reply& reply) {
+MHD_Result sendShortage(MHD_Connection* connection, Reply* reply) {
     const char* action = MHD_lookup_connection_value(connection, MHD_GET_ARGUMENT_KIND, "action");
-    reply = {.status = MHD_HTTP_SERVICE_UNAVAILABLE};
-    if (action == nullptr || action == nameOf(Action::props)) {
-        reply.body = BrokenOff();
+    const bool isBrokenOff = action == nullptr || action == nameOf(Action::props);
+    if (reply == nullptr) {
+        return isBrokenOff ? MHD_NO : MHD_queue_response(connection, MHD_HTTP_SERVICE_UNAVAILABLE, bareResponse);
     }
-    return send(connection, reply);
+    *reply = {.status = MHD_HTTP_SERVICE_UNAVAILABLE};
+    if (isBrokenOff) {
+        reply->body = BrokenOff();
+    }
+    return send(connection, *reply);
 }

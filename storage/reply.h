@@ -7,11 +7,6 @@
 #include <microhttpd.h>
 #include <variant>
 
-struct Header {
-    const char* name;
-    std::string value;
-};
-
 // A part of a file that has been read.
 using Copy = std::unique_ptr<char[]>;
 
@@ -30,7 +25,7 @@ struct Reply {
     bool isLast = false;      // the connection ends with it
     std::uint64_t length = 0; // of the body; for a listing what has been sent of it
     int socket = -1;          // of the connection, once it is sent
-    std::vector<Header> headers = {};
+    std::vector<std::pair<const char*, std::string>> headers = {};
     std::variant<std::string, Copy, Stream, Listing, BrokenOff> body = {};
 };
 
@@ -47,5 +42,6 @@ Reply refuse(const Request& request, unsigned status);
 // request handler has to return.
 MHD_Result send(MHD_Connection* connection, Reply& reply);
 
-// Like `send` for a request that gets 503, of which perhaps only the query is known.
-MHD_Result sendShortage(MHD_Connection* connection, Reply& reply);
+// Sends 503 for a request of which perhaps only the query is known. What has to be broken off is only closed without a
+// `reply`, for which there was no memory.
+MHD_Result sendShortage(MHD_Connection* connection, Reply* reply);

@@ -137,17 +137,14 @@ unsigned judgeTarget(const RequestHead& head, const Options& options, Request& r
 
 Request judge(const RequestHead& head, const Options& options) {
     Request request;
+    request.readOnly = options.readOnly;
     request.forwardedFor = options.behindProxy ? forwardedAddress(head) : "";
     request.range = valueOf(head, "Range");
     request.refusal = judgeFraming(head, request.declared);
     request.isDoubtful = request.refusal != 0;
-    if (request.refusal == 0) {
-        request.refusal = admit(head, options, request);
-        request.admitted = request.refusal == 0;
-    }
-    if (request.admitted) {
-        request.refusal = judgeTarget(head, options, request);
-    }
+    request.refusal = request.isDoubtful ? request.refusal : admit(head, options, request);
+    request.admitted = request.refusal == 0;
+    request.refusal = request.admitted ? judgeTarget(head, options, request) : request.refusal;
     return request;
 }
 
@@ -168,12 +165,12 @@ unsigned parseTarget(std::string_view text, std::string_view prefix, Target& tar
     return isAtName ? 0 : MHD_HTTP_NOT_FOUND;
 }
 
-RangeKind parseRange(std::string_view text, std::uint64_t size, Range& range) {
+bool parseRange(std::string_view text, std::uint64_t size, Range& range) {
     constexpr std::string_view unit = "bytes=";
     range = {0, size};
     const std::size_t dash = text.find('-');
     if (!text.starts_with(unit) || dash == std::string_view::npos) {
-        return RangeKind::whole;
+        return false;
     }
     const std::string_view firstText = text.substr(unit.size(), dash - unit.size());
     const std::string_view lastText = text.substr(dash + 1);
@@ -181,14 +178,14 @@ RangeKind parseRange(std::string_view text, std::uint64_t size, Range& range) {
     std::uint64_t last = UINT64_MAX;
     if ((!firstText.empty() && !parseNumber(firstText, first)) ||
         ((firstText.empty() || !lastText.empty()) && !parseNumber(lastText, last)) || last < first) {
-        return RangeKind::whole;
+        return false;
     }
     if (firstText.empty()) { // the last bytes
         first = last != 0 ? size - std::min(last, size) : size;
         last = size;
     }
     range = {first, first < size ? std::min(last, size - 1) - first + 1 : 0};
-    return first < size ? RangeKind::part : RangeKind::unsatisfiable;
+    return true;
 }
 
 std::string_view withoutAuthority(std::string_view text, std::string_view& authority) {

@@ -55,11 +55,9 @@ struct Range {
     std::uint64_t length;
 };
 
-enum class RangeKind { whole, part, unsatisfiable };
-
-// Judges a Range header (empty when there is none) for a file of `size` bytes. Several ranges, other units and
-// malformed headers count as no header.
-RangeKind parseRange(std::string_view text, std::uint64_t size, Range& range);
+// Judges a Range header (empty when there is none) for a file of `size` bytes. False stands for the whole file, also
+// for several ranges, other units and malformed headers. A range that begins behind the end is empty.
+bool parseRange(std::string_view text, std::uint64_t size, Range& range);
 
 // Parses `text` (path and query as on the request line). `prefix` is what every path begins with. Returns 0, or the
 // HTTP status that refuses the request: 400 when it is malformed, 404 when it is outside the prefix.

@@ -8,6 +8,10 @@
 #include <chrono>
 #include <climits>
 #include <cstdarg>
+#include <gnutls/abstract.h>
+#include <iterator>
+#include <list>
+#include <stdexcept>
 #include <thread>
 
 namespace {
@@ -37,6 +41,7 @@ struct Exchange {
     Reply reply;
 };
 
+// Called by C code, so it must not throw: there is room for all headers.
 MHD_Result readHeader(void* context, MHD_ValueKind, const char* key, const char* value) {
     static_cast<RequestHead*>(context)->headers.emplace_back(key != nullptr ? key : "", value != nullptr ? value : "");
     return MHD_YES;
@@ -52,6 +57,7 @@ MHD_Result begin(MHD_Connection* connection, const char* method, const char* ver
         return MHD_NO;
     }
     RequestHead head = {method, exchange.text, version, {}};
+    head.headers.reserve(MHD_get_connection_values(connection, MHD_HEADER_KIND, nullptr, nullptr));
     MHD_get_connection_values(connection, MHD_HEADER_KIND, readHeader, &head);
     exchange.request = judge(head, service);
     const Request& request = exchange.request;
@@ -97,8 +103,7 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
     const std::string_view piece(data, std::exchange(*size, 0));
     if (exchange == nullptr) {
         report(MHD_HTTP_SERVICE_UNAVAILABLE, std::strerror(ENOMEM));
-        thread_local Reply reply; // the thread is the connection's
-        return sendShortage(connection, reply);
+        return sendShortage(connection, nullptr);
     }
     const bool isLast = exchange->hasBegun && piece.empty();
     if (isLast && phaseOf(connection) == Phase::sending) {
@@ -112,12 +117,12 @@ MHD_Result onRequest(void*, MHD_Connection* connection, const char*, const char*
             return finish(connection, *exchange);
         }
         takeBody(exchange->request, piece);
-    } catch (const std::bad_alloc&) {
+    } catch (const std::exception&) { // of which only std::bad_alloc is to be expected
         report(MHD_HTTP_SERVICE_UNAVAILABLE, std::strerror(ENOMEM));
         exchange->request = Request();
         exchange->request.refusal = MHD_HTTP_SERVICE_UNAVAILABLE;
     }
-    return isLast ? sendShortage(connection, exchange->reply) : MHD_YES;
+    return isLast ? sendShortage(connection, &exchange->reply) : MHD_YES;
 }
 
 void* onRequestLine(void*, const char* text, MHD_Connection*) try {
@@ -149,7 +154,52 @@ std::size_t keepEncoding(void*, MHD_Connection*, char* text) {
     return std::strlen(text);
 }
 
+struct Certificate {
+    gnutls_pcert_st chain[16];
+    unsigned length = std::size(decltype(chain){});
+    gnutls_privkey_t key = nullptr;
+    gnutls_certificate_credentials_t pair = nullptr;
+};
+
+// A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
+// few kilobytes.
+std::list<Certificate>& certificates = *new std::list<Certificate>;
+std::atomic<Certificate*> current;
+
+gnutls_datum_t dataOf(std::string& text) {
+    return {reinterpret_cast<unsigned char*>(text.data()), static_cast<unsigned>(text.size())};
+}
+
+int chooseCertificate(gnutls_session_t, const gnutls_datum_t*, int, const gnutls_pk_algorithm_t*, int,
+                      gnutls_pcert_st** chain, unsigned* chainLength, gnutls_privkey_t* key) {
+    Certificate* const chosen = current;
+    *chain = chosen->chain;
+    *chainLength = chosen->length;
+    *key = chosen->key;
+    return 0;
+}
+
 } // namespace
+
+void readCertificate(const std::string& certificateFile, const std::string& keyFile) {
+    std::string chainText = readSettings(certificateFile, false);
+    std::string keyText = readSettings(keyFile, true);
+    const gnutls_datum_t chain = dataOf(chainText);
+    const gnutls_datum_t key = dataOf(keyText);
+    const auto check = [&](int result) {
+        if (result < 0) {
+            throw std::runtime_error(certificateFile + " and " + keyFile + ": " + gnutls_strerror(result));
+        }
+    };
+    Certificate& made = certificates.emplace_back();
+    check(gnutls_certificate_allocate_credentials(&made.pair));
+    // This fails when the key is that of another certificate.
+    check(gnutls_certificate_set_x509_key_mem2(made.pair, &chain, &key, GNUTLS_X509_FMT_PEM, nullptr, 0));
+    check(gnutls_pcert_list_import_x509_raw(made.chain, &made.length, &chain, GNUTLS_X509_FMT_PEM, 0));
+    check(gnutls_privkey_init(&made.key));
+    check(gnutls_privkey_import_x509_raw(made.key, &key, GNUTLS_X509_FMT_PEM, nullptr, 0));
+    current = &made;
+}
 
 MHD_Daemon* startService(const Options& options, unsigned connectionsOfOne) {
     service = options;
@@ -160,7 +210,7 @@ MHD_Daemon* startService(const Options& options, unsigned connectionsOfOne) {
     MHD_OptionItem tls[] = {{MHD_OPTION_HTTPS_CERT_CALLBACK, 0, reinterpret_cast<void*>(chooseCertificate)},
                             {MHD_OPTION_HTTPS_PRIORITIES, 0, priorities},
                             {MHD_OPTION_END, 0, nullptr}};
-    // Connections are counted in storage/connections. Before 0.9.78 the library stops for ever at a limit of its own.
+    // acceptConnections counts the connections. Before 0.9.78 the library stops for ever at a limit of its own.
     return MHD_start_daemon(
         flags, 0, nullptr, nullptr, onRequest, nullptr, MHD_OPTION_EXTERNAL_LOGGER, onMessage, nullptr,
         MHD_OPTION_NOTIFY_CONNECTION, onConnection, nullptr, MHD_OPTION_URI_LOG_CALLBACK, onRequestLine, nullptr,

@@ -1,9 +1,13 @@
-// The HTTP side of the server: the life of a request.
+// The HTTP side of the server: its certificate, and the life of a request.
 #pragma once
 
 #include "storage/options.h"
 
 struct MHD_Daemon;
+
+// Reads a certificate with its chain and its key, both PEM; connections that are made from then on use them. If
+// something is wrong, that is thrown in words, and the certificate that was read before stays in use.
+void readCertificate(const std::string& certificateFile, const std::string& keyFile);
 
 // Starts to serve the opened tree to the connections that are handed over to the daemon; null when that fails. Each
 // connection has a thread of its own, so that a disk that is slow for one is slow for no other. One client address gets

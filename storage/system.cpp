@@ -55,7 +55,7 @@ void returnMemory(std::size_t bytes) {
 
 void takeMemory(MemoryShare& share, std::size_t bytes) {
     std::unique_lock lock(mutex);
-    if (!givenBack.wait_for(lock, longestWait, [bytes] { return used + bytes <= budget; })) {
+    if (used + bytes > budget && !givenBack.wait_for(lock, longestWait, [bytes] { return used + bytes <= budget; })) {
         throw std::bad_alloc();
     }
     used += bytes;
