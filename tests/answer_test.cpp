@@ -3,22 +3,22 @@
 #include "storage/reply.h"
 #include "storage/tree.h"
 
-#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
-#include <thread>
+#include <linux/openat2.h>
 
 namespace {
 
 int syncs = 0;
 std::string failingCall; // or the name for which fstatat fails
 int failing = 0;         // the error number, or 0 for "wrote nothing"
+int failures = 0;        // how many calls will still fail
 
 bool fails(const char* call) {
+    const bool isFailing = call == failingCall && failures-- > 0;
     errno = failing;
-    return call == failingCall;
+    return isFailing;
 }
 
 } // namespace
@@ -27,9 +27,7 @@ extern "C" {
 int __wrap_fsync(int) {
     return ++syncs, -fails("fsync");
 }
-int __wrap_fdatasync(int) {
-    return ++syncs, -fails("fsync");
-}
+int __wrap_fdatasync(int) __attribute__((alias("__wrap_fsync")));
 ssize_t __real_pwrite(int file, const void* bytes, std::size_t size, off_t offset);
 ssize_t __wrap_pwrite(int file, const void* bytes, std::size_t size, off_t offset) {
     return fails("pwrite") ? -(failing != 0) : __real_pwrite(file, bytes, size, offset);
@@ -42,47 +40,18 @@ int __real_fstatat(int directory, const char* name, struct stat* st, int flags);
 int __wrap_fstatat(int directory, const char* name, struct stat* st, int flags) {
     return fails(name) ? -1 : __real_fstatat(directory, name, st, flags);
 }
+long __real_syscall(long number, int directory, const char* name, const open_how* how, std::size_t size);
+long __wrap_syscall(long number, int directory, const char* name, const open_how* how, std::size_t size) {
+    return fails("openat2") ? -1 : __real_syscall(number, directory, name, how, size);
 }
-
-namespace {
-
-std::filesystem::path makeTree() {
-    std::filesystem::path tree = testing::TempDir() + "answers-" + std::to_string(getpid());
-    std::filesystem::create_directories(tree / "d");
-    std::ofstream(tree / "f") << "content";
-    std::ofstream(tree / "bad") << "";
-    EXPECT_EQ(openTree(tree.c_str(), true), 0);
-    return tree;
-}
-
-} // namespace
-
-// The kernel does not finish a walk through ".." that meets a rename; then it is begun again.
-TEST(AnswerTest, RenamesMeanwhile) {
-    const std::filesystem::path tree = makeTree();
-    std::filesystem::create_symlink("../f", tree / "d/link");
-    std::atomic<bool> isDone = false;
-    std::thread renamer([&] {
-        while (!isDone) {
-            std::filesystem::rename(tree / "bad", tree / "worse");
-            std::filesystem::rename(tree / "worse", tree / "bad");
-        }
-    });
-    struct stat st;
-    int failures = 0;
-    for (int i = 0; i < 20000; ++i) {
-        failures += lookUp("d/link", st).number < 0 ? 1 : 0;
-    }
-    isDone = true;
-    renamer.join();
-    EXPECT_EQ(failures, 0);
-    std::filesystem::remove_all(tree);
 }
 
 TEST(AnswerTest, SyncsAndFailures) {
-    const std::filesystem::path tree = makeTree();
-    rlimit descriptors;
-    getrlimit(RLIMIT_NOFILE, &descriptors);
+    const std::filesystem::path tree = testing::TempDir() + "answers-" + std::to_string(getpid());
+    std::filesystem::create_directories(tree / "d");
+    std::ofstream(tree / "f") << "content";
+    std::ofstream(tree / "bad") << "";
+    ASSERT_EQ(openTree(tree.c_str(), true), 0);
     // A file and every directory whose entries have changed are synced.
     const struct {
         const char* text;
@@ -90,7 +59,6 @@ TEST(AnswerTest, SyncsAndFailures) {
         int syncs;
         const char* call = "";
         int error = 0;
-        bool isBrokenOff = false;
     } rows[] = {
         {"/new?action=create", 204, 2},
         {"/new?action=write&offset=0", 200, 1},
@@ -101,30 +69,26 @@ TEST(AnswerTest, SyncsAndFailures) {
         {"/d/x?action=unlink", 204, 1},
         {"/m?action=rmdir", 204, 1},
         {"/m?action=rmdir", 404, 0},
-        {"/", 500, 0, "bad", EIO, true},
-        {"/", 500, 0, "bad", ENOTCONN, true},
+        {"/", 500, 0, "bad", EIO},
         {"/", 200, 0, "bad", ENOENT},
-        {"/f", 500, 0, "pread", EIO, true},
+        {"/f", 500, 0, "pread", EIO},
         {"/f?action=write&offset=0", 500, 1, "pwrite", EPERM}, // of a mount that was cut off
         {"/f?action=write&offset=0", 507, 1, "pwrite", ENOSPC},
         {"/f?action=write&offset=0", 500, 1, "pwrite", 0},
         {"/f?action=write&offset=0", 500, 1, "fsync", EIO},
         {"/f?action=write&offset=0", 200, 1, "fsync", EINVAL}, // there is nothing to wait for
         {"/new?action=create", 500, 1, "fsync", EIO},
-        {"/f?action=props", 503, 0, "open", EMFILE, true},
-        {"/?action=props", 500, 0, "gone", 0, true},
-        {"/", 500, 0, "", 0, true},
-        {"/f", 500, 0, "", 0, true},
-        {"/f?action=unlink", 500, 0},
+        {"/f?action=props", 503, 0, "openat2", EMFILE},
+        {"/f?action=props", 200, 0, "openat2", EAGAIN}, // the walk has met renames
+        {"/?action=props", 500, 0, "gone"},
+        {"/f", 500, 0},
         {"/x?action=create", 500, 0},
-        {"/m?action=mkdir", 500, 0},
     };
     for (const auto& row : rows) {
         syncs = 0;
         failingCall = row.call;
         failing = row.error;
-        const rlimit few = {failingCall == "open" ? 0 : descriptors.rlim_cur, descriptors.rlim_max};
-        setrlimit(RLIMIT_NOFILE, &few);
+        failures = 100;
         if (failingCall == "gone") {
             std::filesystem::remove_all(tree);
         }
@@ -134,8 +98,10 @@ TEST(AnswerTest, SyncsAndFailures) {
         EXPECT_EQ(parseTarget(row.text, "/", request.target), 0U) << row.text;
         Reply reply = request.target.action == Action::write ? openUpload(request) : Reply();
         reply = reply.status != 0 ? std::move(reply) : answer(request);
-        EXPECT_EQ(reply.status, row.status) << row.call << " " << row.text;
-        EXPECT_EQ(syncs, row.syncs) << row.call << " " << row.text;
-        EXPECT_EQ(std::holds_alternative<BrokenOff>(reply.body), row.isBrokenOff) << row.call << " " << row.text;
+        // What is read must not look complete.
+        const bool isRead = request.target.action == Action::plain || request.target.action == Action::props;
+        EXPECT_EQ(std::tuple(reply.status, syncs, std::holds_alternative<BrokenOff>(reply.body)),
+                  std::tuple(row.status, row.syncs, isRead && row.status >= 500))
+            << row.call << " " << row.text;
     }
 }
