@@ -184,19 +184,22 @@ bool isLocal(const Descriptor& listener) {
                                              : IN6_IS_ADDR_LOOPBACK(&address.v6.sin6_addr));
 }
 
+std::string addressText(const sockaddr& address) {
+    const bool isV6 = address.sa_family == AF_INET6;
+    const std::size_t start = isV6 ? offsetof(sockaddr_in6, sin6_addr) : offsetof(sockaddr_in, sin_addr);
+    char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(address.sa_family, reinterpret_cast<const char*>(&address) + start, text, sizeof text);
+    return text;
+}
+
 std::string authorityOf(const Descriptor& listener, const std::string& host) {
     const Address address = addressOf(listener);
     if (address.any.sa_family == AF_UNIX) {
         return std::string("//unix:") + address.local.sun_path + ":";
     }
-    char text[INET6_ADDRSTRLEN] = "";
-    const bool isV6 = address.any.sa_family == AF_INET6;
-    inet_ntop(address.any.sa_family, isV6 ? static_cast<const void*>(&address.v6.sin6_addr) : &address.v4.sin_addr,
-              text, sizeof text);
-    const std::string own = std::strcmp(text, "0.0.0.0") == 0 ? "127.0.0.1"
-                            : std::strcmp(text, "::") == 0    ? "::1"
-                                                              : text;
-    const std::string name = !host.empty() ? host : isV6 ? "[" + own + "]" : own;
+    const std::string text = addressText(address.any);
+    const std::string own = text == "0.0.0.0" ? "127.0.0.1" : text == "::" ? "::1" : text;
+    const std::string name = !host.empty() ? host : address.any.sa_family == AF_INET6 ? "[" + own + "]" : own;
     return "//" + name + ":" + std::to_string(ntohs(address.v4.sin_port));
 }
 

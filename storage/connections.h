@@ -24,6 +24,9 @@ std::vector<Descriptor> openListeners(const std::vector<std::string>& names, con
 // True for a socket that only this machine reaches.
 bool isLocal(const Descriptor& listener);
 
+// Empty for a Unix socket.
+std::string addressText(const sockaddr& address);
+
 // "//HOST:PORT" for a URL that reaches the socket from this machine. HOST is `host`, or the socket's address if that is
 // empty. For a Unix socket "//unix:PATH:", as nginx writes it.
 std::string authorityOf(const Descriptor& listener, const std::string& host);

@@ -8,10 +8,9 @@
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 
-// Size, blocks, mode, links and times of a file.
 std::string attributeObject(const struct stat& st);
 
-// The volume's statistics, in units large enough for the counts to fit 31 bits.
+// In units large enough for the counts to fit 31 bits.
 std::string statisticsObject(const struct statvfs& volume);
 
 // The outcome of make-directory and rename.

@@ -1,14 +1,13 @@
 #include "storage/log.h"
 
+#include "storage/connections.h"
 #include "storage/reply.h"
 
-#include <arpa/inet.h>
 #include <atomic>
 #include <cctype>
 #include <chrono>
 #include <cstdio>
 #include <ctime>
-#include <netinet/in.h>
 
 namespace {
 
@@ -24,15 +23,6 @@ std::string encoded(std::string_view text) {
         result += escape;
     }
     return result;
-}
-
-std::string addressText(const sockaddr* address) {
-    char text[INET6_ADDRSTRLEN] = "";
-    const void* const bytes = address->sa_family == AF_INET6
-                                  ? static_cast<const void*>(&reinterpret_cast<const sockaddr_in6*>(address)->sin6_addr)
-                                  : &reinterpret_cast<const sockaddr_in*>(address)->sin_addr;
-    inet_ntop(address->sa_family, bytes, text, sizeof text); // nothing for a Unix socket
-    return text;
 }
 
 } // namespace
@@ -87,7 +77,7 @@ void writeLog(const sockaddr* client, const Request& request, const Reply& reply
     const bool isWrite = target.action == Action::write;
     const std::string words[] = {
         time,
-        request.forwardedFor.empty() ? addressText(client) : request.forwardedFor,
+        request.forwardedFor.empty() ? addressText(*client) : request.forwardedFor,
         encoded(request.user),
         request.understood ? std::string(nameOf(target.action)) : "",
         request.understood ? encoded("/" + target.path) : "",

@@ -1,6 +1,5 @@
 #include "storage/options.h"
 
-#include <charconv>
 #include <cstdio>
 #include <getopt.h>
 #include <memory>
@@ -30,27 +29,19 @@ const char* const usageText =
     "  --log FILE           write a line for each request; - is standard output\n"
     "  --version, --help\n";
 
-bool isPort(const std::string& text) {
-    std::uint16_t port = 0;
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, port);
-    return error == std::errc() && stop == end;
-}
-
 // True for a text that can stand in a URL's path as it is.
 bool isPlainPath(const std::string& text) {
     return text.starts_with('/') &&
            std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c < 0x7f && c != '?' && c != '#'; });
 }
 
-bool isNameAlone(const std::string& name) {
-    return !name.empty() && name.find_first_of(":/@ ") == std::string::npos;
-}
-
 // Empty, or what is wrong.
 std::string judgeOptions(const Options& options) {
-    const auto wrong = std::find_if_not(options.hosts.begin(), options.hosts.end(), isNameAlone);
-    return !isPort(options.port)          ? "--port " + options.port + ": not a number from 0 to 65535"
+    std::uint16_t port = 0;
+    const auto wrong = std::find_if(options.hosts.begin(), options.hosts.end(), [](const std::string& name) {
+        return name.empty() || name.find_first_of(":/@ ") != std::string::npos;
+    });
+    return !parseNumber(options.port, port) ? "--port " + options.port + ": not a number from 0 to 65535"
            : !isPlainPath(options.base)   ? "--prefix " + options.base + ": not a path that can stand in a URL as it is"
            : wrong != options.hosts.end() ? "--host " + *wrong + ": not a name alone; it has no port"
            : options.certificateFile.empty() == options.keyFile.empty() ? ""

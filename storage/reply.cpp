@@ -39,8 +39,8 @@ ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_
     if (count > 0) {
         return count;
     }
-    if (const int error = static_cast<int>(count); error != 0) {
-        report(statusOf(error), std::strerror(-error));
+    if (count < 0) {
+        report(statusOf(static_cast<int>(count)), std::strerror(static_cast<int>(-count)));
     }
     // The file has become shorter, or reading fails. The library may leave the connection of a failed body open; the
     // client must not wait for the rest.
@@ -106,11 +106,10 @@ Reply listing(Request& request, Descriptor directory) {
     if (const int error = beginListing(std::move(directory), request.target.path, made); error != 0) {
         return refuseFor(request, error);
     }
-    if (made.isComplete) {
-        return jsonReply(std::move(made.text));
+    Reply reply = jsonReply(made.isComplete ? std::move(made.text) : "");
+    if (!made.isComplete) {
+        reply.body = std::move(made);
     }
-    Reply reply = jsonReply("");
-    reply.body = std::move(made);
     return reply;
 }
 

@@ -3,7 +3,6 @@
 #include "storage/access.h"
 
 #include <arpa/inet.h>
-#include <charconv>
 #include <map>
 #include <microhttpd.h>
 #include <strings.h>
@@ -13,22 +12,12 @@ namespace {
 constexpr std::string_view actionNames[] = {"read",  "props", "statvfs", "create", "truncate",
                                             "write", "mkdir", "unlink",  "rmdir",  "rename"};
 
-bool isChange(Action action) {
-    return action != Action::plain && action != Action::props && action != Action::statvfs;
-}
-
 // Cuts `text` at the first `separator` and returns what stands before it; `text` becomes what follows.
 std::string_view takeUntil(std::string_view& text, char separator) {
     const std::size_t end = std::min(text.find(separator), text.size());
     const std::string_view taken = text.substr(0, end);
     text.remove_prefix(std::min(end + 1, text.size()));
     return taken;
-}
-
-template <typename Number> bool parseNumber(std::string_view text, Number& number, int base = 10) {
-    const char* end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number, base);
-    return error == std::errc() && stop == end;
 }
 
 // Decodes a percent-encoded path into `path`; false when the encoding is broken or a component is "." or "..", or holds
@@ -93,16 +82,14 @@ unsigned judgeFraming(const RequestHead& head, std::uint64_t& length) {
     unsigned count = 0; // of headers that say where the body ends
     bool isDoubtful = false;
     for (const auto& [name, value] : head.headers) {
-        isDoubtful |=
-            name.empty() || std::any_of(name.begin(), name.end(), [](char c) { return c <= ' ' || c >= 0x7f; });
-        if (isSameName(name.substr(0, contentLength.size()), contentLength)) {
-            ++count;
-            isDoubtful |= name.size() != contentLength.size() || !parseNumber(value, length);
-        } else if (isSameName(name.substr(0, transferEncoding.size()), transferEncoding)) {
-            ++count;
-            isDoubtful |= name.size() != transferEncoding.size() || !isSameName(value, "chunked") ||
-                          head.version != MHD_HTTP_VERSION_1_1;
-        }
+        const bool isLength = isSameName(name.substr(0, contentLength.size()), contentLength);
+        const bool isEncoding = isSameName(name.substr(0, transferEncoding.size()), transferEncoding);
+        count += isLength || isEncoding ? 1 : 0;
+        isDoubtful |= name.empty() ||
+                      std::any_of(name.begin(), name.end(), [](char c) { return c <= ' ' || c >= 0x7f; }) ||
+                      (isLength && (name.size() != contentLength.size() || !parseNumber(value, length))) ||
+                      (isEncoding && (name.size() != transferEncoding.size() || !isSameName(value, "chunked") ||
+                                      head.version != MHD_HTTP_VERSION_1_1));
     }
     return isDoubtful || count > 1 ? MHD_HTTP_BAD_REQUEST : length > largestBody ? MHD_HTTP_CONTENT_TOO_LARGE : 0;
 }
@@ -125,12 +112,10 @@ unsigned judgeTarget(const RequestHead& head, const Options& options, Request& r
     }
     request.understood = true;
     const Action action = request.target.action;
-    const bool isRead =
-        head.method == MHD_HTTP_METHOD_GET || (head.method == MHD_HTTP_METHOD_HEAD && !isChange(action));
-    if (action == Action::write ? head.method != MHD_HTTP_METHOD_PUT : !isRead) {
-        return MHD_HTTP_METHOD_NOT_ALLOWED;
-    }
-    return request.readOnly && isChange(action) ? MHD_HTTP_FORBIDDEN : 0;
+    const bool isChange = action != Action::plain && action != Action::props && action != Action::statvfs;
+    const bool isGet = head.method == MHD_HTTP_METHOD_GET || (head.method == MHD_HTTP_METHOD_HEAD && !isChange);
+    const bool isAllowed = action == Action::write ? head.method == MHD_HTTP_METHOD_PUT : isGet;
+    return !isAllowed ? MHD_HTTP_METHOD_NOT_ALLOWED : request.readOnly && isChange ? MHD_HTTP_FORBIDDEN : 0;
 }
 
 } // namespace

@@ -1,10 +1,11 @@
-// What every part needs of the system: the results of its calls and what they mean for a request, open files, and the
-// memory of bodies. Clients make the server hold bodies, uploads until they are complete and replies until they are
-// sent. Together they have one budget.
+// What every part needs: numbers, what the results of system calls mean for a request, open files, and the budget of
+// memory for the bodies that clients make the server hold, uploads until they are complete and replies until they are
+// sent.
 #pragma once
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -20,6 +21,13 @@
 // What a system call has returned, or the negated error number.
 template <typename Number> Number resultOf(Number returned) {
     return returned >= 0 ? returned : -errno;
+}
+
+// False if `text` is anything but a number that fits.
+template <typename Number> bool parseNumber(std::string_view text, Number& number, int base = 10) {
+    const char* end = text.data() + text.size();
+    const auto [stop, error] = std::from_chars(text.data(), end, number, base);
+    return error == std::errc() && stop == end;
 }
 
 // The HTTP status for an error number, negated or not.

@@ -32,7 +32,7 @@ Descriptor openBeneath(const std::string& path, std::uint64_t flags) {
     return Descriptor(static_cast<int>(opened));
 }
 
-// True when there is an entry at `path`, be it a link that leads nowhere.
+// A link that leads nowhere is an entry as well.
 bool isEntry(const std::string& path) {
     return openBeneath(path, O_PATH | O_NOFOLLOW).number >= 0;
 }
@@ -59,21 +59,16 @@ std::string storedSpelling(const std::string& path) {
         const std::string name = path.substr(start, end - start);
         const std::string before = stored.empty() ? "" : stored + "/";
         stored = before + name;
-        if (!isEntry(stored)) {
-            for (const int form : {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE}) {
-                const std::string candidate = before + normalForm(name, form).value_or(name);
-                if (isEntry(candidate)) {
-                    stored = candidate;
-                    break;
-                }
-            }
+        for (const int form : {UTF8PROC_COMPOSE, UTF8PROC_DECOMPOSE}) {
+            const std::string candidate = before + normalForm(name, form).value_or(name);
+            stored = isEntry(stored) || !isEntry(candidate) ? stored : candidate;
         }
         start = end + 1;
     }
     return stored;
 }
 
-// True on file systems whose files are the kernel's own state, where a write may change the system.
+// True where files are the kernel's own state and a write may change the system.
 bool isKernelState(const Descriptor& descriptor) {
     constexpr long kinds[] = {PROC_SUPER_MAGIC,   SYSFS_MAGIC,         DEBUGFS_MAGIC,  TRACEFS_MAGIC, SECURITYFS_MAGIC,
                               CGROUP_SUPER_MAGIC, CGROUP2_SUPER_MAGIC, EFIVARFS_MAGIC, BPF_FS_MAGIC};

@@ -27,7 +27,7 @@ Descriptor lookUp(const std::string& path, struct stat& st);
 // has given up its lease.
 Descriptor openInTree(const std::string& path, int access, struct stat& st);
 
-// Reads up to `length` bytes at `offset`, less only at the end of the file. Returns their number.
+// Reads `length` bytes at `offset`, less only at the end of the file. Returns their number.
 ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset);
 
 // Writes all of `bytes` at `offset` to `file`, which was opened at `path`, closes it and stores its attributes in `st`.
@@ -35,15 +35,14 @@ ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::u
 // removed or replaced.
 int writeInTree(Descriptor file, const std::string& path, std::string_view bytes, std::int64_t offset, struct stat& st);
 
-// Cuts or extends the file at `path` to `size` bytes.
 int truncateInTree(const std::string& path, std::int64_t size);
 
 // A name that is not UTF-8 would never be listed, so the functions below make none.
+bool isUtf8(std::string_view text);
 
 // Makes a regular file with the permission bits of `mode` unless it is there already. The server's user may always read
 // and write it, because each write opens the file anew. Without `mode` the file has the bits of any new file here.
 int createInTree(const std::string& path, std::optional<unsigned> mode);
-
 int makeDirectoryInTree(const std::string& path);
 
 // `flags` is 0 for a file, AT_REMOVEDIR for a directory.
@@ -51,6 +50,3 @@ int removeInTree(const std::string& path, int flags);
 
 // Moves `from` to `to` in one step. With `replace`, an existing `to` is replaced by the rules of the local system.
 int renameInTree(const std::string& from, const std::string& to, bool replace);
-
-// True when `text` is valid UTF-8.
-bool isUtf8(std::string_view text);
