@@ -16,7 +16,6 @@
 #include <sys/stat.h>
 
 namespace {
-
 constexpr std::size_t secretLength = 22;
 constexpr std::string_view base64url = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
 
@@ -183,7 +182,6 @@ bool isFromBrowser(std::string_view name, std::string_view value) {
     return isSameName(name, "Origin") || isSameName(name, "Referer") || isSameName(name, "Cookie") ||
            (isSameName(name, "Sec-Fetch-Site") && value != "none");
 }
-
 } // namespace
 
 std::string takeSecret(const std::string& file) {
@@ -215,10 +213,8 @@ void readUsers(const std::string& file) {
     std::string line;
     bool isPlain = false;
     for (unsigned number = 1; std::getline(text, line); ++number) {
-        if (line.empty() || line.starts_with('#')) {
-            continue;
-        }
-        if (const std::string error = readUser(line, found, isPlain); !error.empty()) {
+        const bool isSkipped = line.empty() || line.starts_with('#');
+        if (const std::string error = isSkipped ? "" : readUser(line, found, isPlain); !error.empty()) {
             throw std::runtime_error(file + ": line " + std::to_string(number) + " " + error);
         }
     }

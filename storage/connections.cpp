@@ -15,10 +15,8 @@
 #include <sys/un.h>
 
 namespace {
-
 using Clock = std::chrono::steady_clock;
 using std::chrono::seconds;
-
 constexpr int firstInherited = 3; // of the sockets from the service manager
 constexpr int backlog = 1024;
 constexpr int maxAttempts = 64;
@@ -108,11 +106,6 @@ struct Client {
 std::mutex clientsMutex;
 std::map<int, Client> clients; // guarded by clientsMutex
 
-std::size_t countClients() {
-    const std::lock_guard lock(clientsMutex);
-    return clients.size();
-}
-
 Client& clientOf(MHD_Connection* connection) {
     const auto* info = MHD_get_connection_info(connection, MHD_CONNECTION_INFO_SOCKET_CONTEXT);
     return *static_cast<Client*>(info->socket_context);
@@ -142,7 +135,6 @@ int acceptOne(MHD_Daemon* daemon, int listener) try {
 } catch (const std::bad_alloc&) {
     return -ENOMEM;
 }
-
 } // namespace
 
 std::vector<Descriptor> inheritListeners() {
@@ -226,7 +218,9 @@ int acceptConnections(MHD_Daemon* daemon, const std::vector<Descriptor>& listene
     }
     Clock::time_point nextLook;
     for (int error = 0;;) {
-        const bool isFull = countClients() >= most;
+        std::unique_lock lock(clientsMutex);
+        const bool isFull = clients.size() >= most;
+        lock.unlock();
         const bool isCrowded = isFull || statusOf(error) == MHD_HTTP_SERVICE_UNAVAILABLE;
         if (isCrowded) {
             report(0, isFull ? "all connections are taken" : std::strerror(-error));

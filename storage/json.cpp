@@ -3,12 +3,9 @@
 #include "storage/log.h"
 #include "storage/tree.h"
 
-#include <charconv>
 #include <cstdio>
-#include <initializer_list>
 
 namespace {
-
 constexpr std::size_t longestElement = 2048; // an escaped name has 1530 characters
 
 // Adds members behind the brace or the member with which `json` ends.
@@ -89,7 +86,6 @@ int continueListing(Listing& listing) {
     }
     return 0;
 }
-
 } // namespace
 
 std::string attributeObject(const struct stat& st) {

@@ -9,12 +9,8 @@
 #include <sys/statvfs.h>
 
 std::string attributeObject(const struct stat& st);
-
-// In units large enough for the counts to fit 31 bits.
-std::string statisticsObject(const struct statvfs& volume);
-
-// The outcome of make-directory and rename.
-std::string statusEnvelope(int code);
+std::string statisticsObject(const struct statvfs& volume); // in units that make the counts fit 31 bits
+std::string statusEnvelope(int code);                       // the outcome of make-directory and rename
 
 constexpr std::size_t listingMemory = 1 << 17;
 
@@ -28,9 +24,9 @@ struct Listing {
     unsigned leftOut = 0;    // names that are not UTF-8
 };
 
-// Begins the listing of `directory`, which is `path` in the tree; 0 or a negated error number. Entries that have just
-// been removed, links that lead nowhere inside, sockets, devices and names that are not UTF-8 are left out, the latter
-// with a line on standard error. Any other error fails the listing, because it must not hide entries.
+// Begins the listing of `directory`, which is `path` in the tree; 0 or a negated error number. It leaves out what has
+// just been removed, what is not shown, and names that are not UTF-8, for which there is a line on standard error. Any
+// other error fails the listing, because it must not hide entries.
 int beginListing(Descriptor directory, const std::string& path, Listing& listing);
 
 // Copies the next bytes of the listing, up to `size`. Returns their number, 0 at the end, or a negated error number.

@@ -10,7 +10,6 @@
 #include <ctime>
 
 namespace {
-
 std::atomic<int> log = -1;
 
 std::string encoded(std::string_view text) {
@@ -24,7 +23,6 @@ std::string encoded(std::string_view text) {
     }
     return result;
 }
-
 } // namespace
 
 void say(const std::string& text) {

@@ -16,7 +16,6 @@
 #include <sys/un.h>
 
 namespace {
-
 constexpr rlim_t ownDescriptors = 32;
 constexpr rlim_t fewestConnections = 8;
 constexpr rlim_t mostConnections = 16384;
@@ -38,8 +37,8 @@ unsigned raiseDescriptorLimit() {
     return static_cast<unsigned>(std::clamp<rlim_t>(room, fewestConnections, mostConnections));
 }
 
-// Reads the files that SIGHUP reads again. What was read before stays in use for a file that cannot be read. The result
-// says in words which files those are and why; it is empty if there are none.
+// Reads the files that SIGHUP reads again. For one that cannot be read, what was read before stays in use, and the
+// result says why.
 std::string readFiles(const Options& options) try {
     std::string errors;
     const auto attempt = [&errors](const std::string& file, const auto& read) {
@@ -77,7 +76,6 @@ void notifyManager() {
     sendto(sender.number, message.data(), message.size(), 0, reinterpret_cast<const sockaddr*>(&manager),
            static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + std::strlen(name)));
 }
-
 } // namespace
 
 int main(int argc, char* argv[]) try {

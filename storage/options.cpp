@@ -7,7 +7,6 @@
 #include <variant>
 
 namespace {
-
 constexpr std::size_t largestFile = 1 << 20;
 
 const char* const usageText =
@@ -48,7 +47,6 @@ std::string judgeOptions(const Options& options) {
            : options.keyFile.empty()                                    ? "--tls-cert needs --tls-key"
                                                                         : "--tls-key needs --tls-cert";
 }
-
 } // namespace
 
 int parseOptions(int argc, char* argv[], Options& options) {

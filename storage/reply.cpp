@@ -6,7 +6,6 @@
 #include <sys/socket.h>
 
 namespace {
-
 constexpr std::uint64_t partSize = 1 << 18; // of what is read at once, and what is read before it is sent
 
 // Caches must not keep what is served, and browsers must not guess its type.
@@ -18,12 +17,11 @@ MHD_Response* withCommonHeaders(MHD_Response* response) {
     return response;
 }
 
-// Serves for all replies that are only their status. It exists from the start, so it can be sent when there is no
-// memory left.
+// For all replies that are only their status. It exists from the start, so it can be sent when no memory is left.
 MHD_Response* const bareResponse =
     withCommonHeaders(MHD_create_response_from_buffer(0, nullptr, MHD_RESPMEM_PERSISTENT));
 
-// The library calls it for each part of a body that is sent in parts.
+// The library calls it for each part of a body.
 ssize_t sendPart(void* context, std::uint64_t position, char* buffer, std::size_t size) {
     auto& reply = *static_cast<Reply*>(context);
     ssize_t count = 0;
@@ -86,7 +84,6 @@ Reply replyFor(const Request& request, int result, std::string json = "") {
                           : jsonReply(std::move(json));
 }
 
-// For the changes that report the outcome in an envelope.
 Reply envelope(const Request& request, int result) {
     const bool isInTheWay = result == -EEXIST || result == -ENOTEMPTY || result == -EISDIR;
     return replyFor(request, isInTheWay ? 0 : result, statusEnvelope(isInTheWay ? MHD_HTTP_CONFLICT : MHD_HTTP_OK));
@@ -150,7 +147,6 @@ Reply plainRead(Request& request) {
            : S_ISDIR(st.st_mode) ? listing(request, std::move(opened))
                                  : content(request, std::move(opened), st.st_size);
 }
-
 } // namespace
 
 Reply openUpload(Request& request) {

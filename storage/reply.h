@@ -7,9 +7,7 @@
 #include <microhttpd.h>
 #include <variant>
 
-// A part of a file that has been read.
-using Copy = std::unique_ptr<char[]>;
-
+using Copy = std::unique_ptr<char[]>; // a part of a file that has been read
 // A part of a file that is read while it is sent.
 struct Stream {
     Descriptor file;
@@ -38,8 +36,7 @@ Reply answer(Request& request);
 // The reply that is only a status from 400 on.
 Reply refuse(const Request& request, unsigned status);
 
-// Queues `reply`, which stays the caller's until the library has completed the request. Returns what the library's
-// request handler has to return.
+// Queues `reply`, which has to stay there until the library has completed the request.
 MHD_Result send(MHD_Connection* connection, Reply& reply);
 
 // Sends 503 for a request of which perhaps only the query is known. What has to be broken off is only closed without a

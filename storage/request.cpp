@@ -8,7 +8,6 @@
 #include <strings.h>
 
 namespace {
-
 constexpr std::string_view actionNames[] = {"read",  "props", "statvfs", "create", "truncate",
                                             "write", "mkdir", "unlink",  "rmdir",  "rename"};
 
@@ -117,7 +116,6 @@ unsigned judgeTarget(const RequestHead& head, const Options& options, Request& r
     const bool isAllowed = action == Action::write ? head.method == MHD_HTTP_METHOD_PUT : isGet;
     return !isAllowed ? MHD_HTTP_METHOD_NOT_ALLOWED : request.readOnly && isChange ? MHD_HTTP_FORBIDDEN : 0;
 }
-
 } // namespace
 
 Request judge(const RequestHead& head, const Options& options) {

@@ -7,23 +7,17 @@
 #include <atomic>
 #include <chrono>
 #include <climits>
-#include <cstdarg>
 #include <gnutls/abstract.h>
-#include <iterator>
 #include <list>
-#include <stdexcept>
 #include <thread>
 
 namespace {
-
 // The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
 // is the reading buffer.
 constexpr std::size_t connectionMemory = 64UL * 1024;
 constexpr std::size_t threadStack = 512UL * 1024;
-
 // Longer than a libcurl client keeps an unused connection, so that none is closed when a client is about to use it.
 constexpr unsigned idleSeconds = 150;
-
 constexpr int stopWaits = 500; // of 10 ms
 constexpr int takeOverWaits = 100;
 
@@ -41,7 +35,7 @@ struct Exchange {
     Reply reply;
 };
 
-// Called by C code, so it must not throw: there is room for all headers.
+// C code calls it, so it must not throw: there is room for all headers.
 MHD_Result readHeader(void* context, MHD_ValueKind, const char* key, const char* value) {
     static_cast<RequestHead*>(context)->headers.emplace_back(key != nullptr ? key : "", value != nullptr ? value : "");
     return MHD_YES;
@@ -161,8 +155,7 @@ struct Certificate {
     gnutls_certificate_credentials_t pair = nullptr;
 };
 
-// A handshake that has begun goes on with the certificate before, so no certificate is ever released. A renewal costs a
-// few kilobytes.
+// A handshake that has begun goes on with the certificate before, so none is ever released.
 std::list<Certificate>& certificates = *new std::list<Certificate>;
 std::atomic<Certificate*> current;
 
@@ -178,7 +171,6 @@ int chooseCertificate(gnutls_session_t, const gnutls_datum_t*, int, const gnutls
     *key = chosen->key;
     return 0;
 }
-
 } // namespace
 
 void readCertificate(const std::string& certificateFile, const std::string& keyFile) {

@@ -7,7 +7,6 @@
 #include <mutex>
 
 namespace {
-
 constexpr std::size_t budget = 256UL * 1024 * 1024;
 constexpr std::chrono::seconds longestWait(10);
 
@@ -23,7 +22,6 @@ constexpr struct {
     {EROFS, 403},  {EISDIR, 403},  {ETXTBSY, 403}, {EEXIST, 409}, {ENOTEMPTY, 409},    {EBUSY, 409},  {EINVAL, 400},
     {ENOSPC, 507}, {EDQUOT, 507},  {EFBIG, 507},   {EMFILE, 503}, {ENFILE, 503},       {ENOMEM, 503}, {ENOBUFS, 503},
 };
-
 } // namespace
 
 unsigned statusOf(int error) {

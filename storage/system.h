@@ -1,6 +1,5 @@
-// What every part needs: numbers, what the results of system calls mean for a request, open files, and the budget of
-// memory for the bodies that clients make the server hold, uploads until they are complete and replies until they are
-// sent.
+// What every part needs: numbers, what system calls return and what that means for a request, open files, and the one
+// budget of memory for all bodies that the server holds: uploads until they are complete, replies until they are sent.
 #pragma once
 
 #include <algorithm>
@@ -33,7 +32,7 @@ template <typename Number> bool parseNumber(std::string_view text, Number& numbe
 // The HTTP status for an error number, negated or not.
 unsigned statusOf(int error);
 
-// True for errors that say nothing about the request: the disk fails or is full, or memory or descriptors are short.
+// True from 500 on: the error says nothing about the request.
 bool isFailure(int error);
 
 // A number that stands for something, which is given back at its owner's end.
@@ -57,9 +56,7 @@ void returnMemory(std::size_t bytes);
 
 // An open file descriptor; a negated error number where nothing is open.
 using Descriptor = Owner<int, -EBADF, closeDescriptor>;
-
-// Bytes of the budget.
-using MemoryShare = Owner<std::size_t, 0, returnMemory>;
+using MemoryShare = Owner<std::size_t, 0, returnMemory>; // bytes of the budget
 
 // Adds `bytes` to `share`. Waits up to ten seconds while the budget is used up, then throws std::bad_alloc.
 void takeMemory(MemoryShare& share, std::size_t bytes);

@@ -9,7 +9,6 @@
 #include <utf8proc.h>
 
 namespace {
-
 constexpr unsigned permissionBits = 0777;
 constexpr unsigned ownersBits = 0600;
 constexpr int maxAttempts = 128;
@@ -116,7 +115,6 @@ int finishWriting(Descriptor& file, const std::string& path, int result, struct 
         st.st_nlink > 0 || (lookUp(path, found).number >= 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino);
     return isThere ? 0 : -ENOENT;
 }
-
 } // namespace
 
 int openTree(const char* directory, bool sync) {
@@ -201,21 +199,15 @@ int truncateInTree(const std::string& path, std::int64_t size) {
 }
 
 int createInTree(const std::string& path, std::optional<unsigned> mode) {
-    if (!isUtf8(path)) {
-        return -EINVAL;
-    }
-    const int result = changeEntry(path, [mode](int directory, const char* name) {
+    const int result = !isUtf8(path) ? -EINVAL : changeEntry(path, [mode](int directory, const char* name) {
         Descriptor file(resultOf(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                         (mode.value_or(newFileMode) & permissionBits) | ownersBits)));
         const int synced = file.number < 0 ? file.number : syncDescriptor(file, fsync);
         return synced != 0 ? synced : closeFile(file);
     });
-    if (result != -EEXIST) {
-        return result;
-    }
     struct stat st;
-    const Descriptor there = lookUp(path, st);
-    return there.number < 0 ? there.number : S_ISREG(st.st_mode) ? 0 : -EPERM;
+    const int found = result == -EEXIST ? lookUp(path, st).number : result;
+    return result != -EEXIST || found < 0 ? found : S_ISREG(st.st_mode) ? 0 : -EPERM;
 }
 
 int makeDirectoryInTree(const std::string& path) {
@@ -233,11 +225,8 @@ int removeInTree(const std::string& path, int flags) {
 }
 
 int renameInTree(const std::string& from, const std::string& to, bool replace) {
-    if (!isUtf8(to)) {
-        return -EINVAL;
-    }
     struct stat st;
-    if (const int found = lookUp(from, st).number; found < 0) {
+    if (const int found = isUtf8(to) ? lookUp(from, st).number : -EINVAL; found < 0) {
         return found;
     }
     // What is not shown, like a link that leads outside, must not be replaced either.

@@ -7,10 +7,8 @@
 
 #include <optional>
 #include <sys/stat.h>
-#include <sys/types.h>
 
-// Opens the directory to serve; once, before everything else. With `sync` every change below is on the disk before its
-// function returns.
+// Opens the directory to serve, before all else. With `sync` every change is on the disk before its function returns.
 int openTree(const char* directory, bool sync);
 
 // True when the served directory has been removed, or the mount that it was on is cut off.
@@ -22,17 +20,15 @@ bool isShown(const struct stat& st);
 // Finds what `path` leads to, without opening it, and stores its attributes in `st`; -ENOENT if it is not shown.
 Descriptor lookUp(const std::string& path, struct stat& st);
 
-// Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for
-// anything else, which is not opened at all, and for writing the kernel's own state. It may wait until another program
-// has given up its lease.
+// Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for all
+// else, which is not opened, and for writing the kernel's own state. It waits while another program has a lease.
 Descriptor openInTree(const std::string& path, int access, struct stat& st);
 
 // Reads `length` bytes at `offset`, less only at the end of the file. Returns their number.
 ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset);
 
 // Writes all of `bytes` at `offset` to `file`, which was opened at `path`, closes it and stores its attributes in `st`.
-// An error means that the data may be lost: the disk has reported an error only now, or (-ENOENT) the file has been
-// removed or replaced.
+// After an error the data may be lost; after -ENOENT the file has been removed or replaced.
 int writeInTree(Descriptor file, const std::string& path, std::string_view bytes, std::int64_t offset, struct stat& st);
 
 int truncateInTree(const std::string& path, std::int64_t size);
