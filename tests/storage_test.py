@@ -57,16 +57,15 @@ SECTIONS = {
                        (1, "Content-Length: 0\r\nTransfer-Encoding: chunked", "0\r\n\r\n"),
                        (1, "Transfer-Encoding:\r\n chunked", ""), (0, "Transfer-Encoding: chunked", "0\r\n\r\n"))],
          "hidden", "d/in=content"),
-        # Contents.
-        ("204 ", ["/new?action=create"], "new="),
-        ('200 {"s":5,"b":N,"m":33188,*}' + JSON, [f"PUT $/new{WRITE}3{CHUNKED}2\r\nde\r\n0\r\n\r\n"], "new=\0\0\0de"),
-        ("413 ", [f"PUT $/new{WRITE}0\nContent-Length: 1048577",
-                  f"PUT $/new{WRITE}0{CHUNKED}100001\r\nx{MOST}\r\n0\r\n\r\n"], "new=\0\0\0de"),
         # A link that leads outside is not replaced, and no name gets a second spelling.
         ('200 {"hc":409}', ["/a.txt?action=rename&to=out&replace=1", "/e\xcc\x81?action=mkdir"], "a.txt=content"),
-        ("204 ", ["/e\xcc\x81?action=create", "/%EA%B0%80%E1%86%A7?action=create",
+        ("204 ", ["/new?action=create", "/e\xcc\x81?action=create", "/%EA%B0%80%E1%86%A7?action=create",
                   "/%E1%84%80%E1%85%A1%E1%86%A7?action=truncate&offset=1"], "\xea\xb0\x80\xe1\x86\xa7=\0"),
-        ('200 {"hc":200}', ["/a.txt?action=rename&to=e\xcc\x81&replace=1"], "\xc3\xa9=content", "e\xcc\x81")],
+        ('200 {"hc":200}', ["/a.txt?action=rename&to=e\xcc\x81&replace=1"], "\xc3\xa9=content", "e\xcc\x81"),
+        # Contents.
+        ('200 {"s":5,"b":N,"m":33188,*}' + JSON, [f"PUT $/new{WRITE}3{CHUNKED}2\r\nde\r\n0\r\n\r\n"], "new=\0\0\0de"),
+        ("413 ", [f"PUT $/new{WRITE}0\nContent-Length: 1048577",
+                  f"PUT $/new{WRITE}0{CHUNKED}100001\r\nx{MOST}\r\n0\r\n\r\n"], "new=\0\0\0de")],
     "--read-only --no-secret --prefix /base": [
         ("200 content", ["/d/in", "GET $%2Fd/in", "GET $%2fd/in"]),
         ("404 ", ["GET $d/in", "GET /d/in"]),
@@ -82,12 +81,11 @@ SECTIONS = {
         ("421 ", [f"GET http://{host}$/d/in\n{ANN}" for host in ("evil.example", "127.0.0.1@evil.example", "")] + [
             BY_NAME.replace("@", host) for host in ("evil.example", "localhost.evil.example", "evildisk.example", "",
                                                     "127.0.0.1.evil.example:80", "evil.example\r\nHost: localhost")]),
-        ("200 content", [BY_NAME.replace("@", host) for host in (
-            "LocalHost:1", "10.0.0.1", "[fe80::1]:80", "disk.example.:8080")]),
         ("404 ", [f"{line}\n{ANN}" for line in ("GET /", "GET /d/in?action=unlink", "GET $", "GET $~/d/in",
                                                 "GET /~$/d/in", "GET /AAAAAAAAAAAAAAAAAAAAAA/d/in", "/a%0Ab")]),
         ("200 content", [f"/d/in\nSec-Fetch-Site: none\n{ANN}", f"GET http://disk.example$/d/in\n{ANN}"] + [
-            "/d/in\n" + user.replace("Basic", how) for user in (ANN, BOB) for how in ("Basic", "basic ")]),
+            "/d/in\n" + user.replace("Basic", how) for user in (ANN, BOB) for how in ("Basic", "basic ")] + [
+            BY_NAME.replace("@", host) for host in ("LocalHost:1", "10.0.0.1", "[fe80::1]:80", "disk.example.:8080")]),
         ('401 \nWWW-Authenticate: Basic realm="kelvane_storage"', [
             f"{line}\n{user}" for user in (*WRONG, "X: y") for line in
             ("/d/in", "/d/in?action=what", "/none?action=create&mode=33188", "/pipe", "POST $/")]),
@@ -314,5 +312,5 @@ class StorageTest(ServerTest):
                 ("--users /etc/passwd /tmp", "others can", 1), ("--secret-file /etc/passwd /tmp", "others can", 1),
                 ("/none", "/none: No such file", 1), ("--listen 'not an address' /tmp", "cannot serve on", 1),
                 (f"--port {self.address[1]} /tmp", "cannot serve on", 1)):
-            written, ended = shell(f"{STORAGE} " + arguments)
+            written, ended = shell(f"timeout 20 {STORAGE} " + arguments)
             self.assertEqual((output in written, ended), (True, status), written)
