@@ -105,6 +105,7 @@ apt-get install --no-install-recommends ${missing[*]}"
             systemctl --root=/ list-unit-files --state=enabled --no-legend 2>/dev/null | cut -d" " -f1 | sort
         }
         policy=/usr/sbin/policy-rc.d before=$(units)
+        trap "exit 130" HUP INT PIPE TERM # these would skip the trap of EXIT
         [ -e $policy ] || { trap "rm $policy" EXIT && printf "#!/bin/sh\nexit 101\n" >$policy && chmod 755 $policy; }
         apt-get update -q && apt-get install -qy --no-install-recommends \
             -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "$@" || exit
