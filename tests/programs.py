@@ -99,8 +99,9 @@ def serve(command: Sequence[object], log: str, **options) -> Program:
 
 # The paths of what is mounted, of file systems of this kind, the last one first.
 def mount_points(kind: str = "") -> list[str]:
-    mounts = [line.split(" ") for line in reversed(text("/proc/self/mounts").splitlines())]
-    return [point.replace(r"\040", " ") for _, point, its_kind, *_ in mounts if its_kind.startswith(kind)]
+    lines = os.fsdecode(text("/proc/self/mounts").encode("latin-1")).split("\n")[-2::-1]
+    return [point.replace(r"\040", " ") for _, point, its_kind, *_ in (line.split(" ") for line in lines)
+            if its_kind.startswith(kind)]
 
 
 def detach(point: str) -> None:
