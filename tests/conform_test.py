@@ -4,7 +4,7 @@ import os
 import signal
 import tempfile
 from concurrent.futures import ThreadPoolExecutor
-from programs import STORAGE, TOP, Program, ServerTest, serve, text, until
+from programs import STORAGE, TOP, Program, ServerTest, make_certificate, serve, text, until
 
 REPLY = "        self.send_response_only(status)\n"
 BODY = "        body = self.rfile"
@@ -64,7 +64,7 @@ class ConformTest(ServerTest):
                     self.assertEqual(result[:3], ([], True, "fault" in row[0]), result[3])
 
     def test_server(self):
-        self.make_certificate()
+        make_certificate(self.scratch)
         self.check(f"cd {self.scratch} && echo 'ann:p w@x' >users && chmod 600 users && seq 9 >{self.tree}/file")
         self.serve(STORAGE, *"--users {0}/users --tls-cert {0}/cert --tls-key {0}/key".format(self.scratch).split())
         url = self.url.replace("//", "//ann:p%20w%40x@")

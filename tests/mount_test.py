@@ -11,8 +11,8 @@ import time
 import unittest
 
 from programs import (AUTHORITIES, BIN, PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VFS, Program, ServerTest, bind,
-                      enter_spaces, has_fuse, is_mounted, libc, mount, mount_points, serve, shell, text, until,
-                      until_mounted)
+                      enter_spaces, has_fuse, is_mounted, libc, make_certificate, mount, mount_points, serve, shell,
+                      text, until, until_mounted)
 
 os.environ["PATH"] = f"{BIN}:{TOP}/packaging:{TOP}/tools:" + os.environ["PATH"]
 COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
@@ -278,7 +278,7 @@ got packet from signalHandler, trying to exit\.\.\.\n(.*\n)*kelvane_vfs exiting\
         self.failed("CURL error: Could")
 
     def test_certificates(self):
-        self.make_certificate()
+        make_certificate(self.scratch)
         self.check(f"seq 200000 >{self.tree}/big")
         self.serve(STORAGE, *"--tls-cert {0}/cert --tls-key {0}/key".format(self.scratch).split())
         self.start(AUTO)

@@ -57,9 +57,6 @@ class Program(subprocess.Popen):
         self.finish(status, 60)
 
 
-start = Program
-
-
 # What a command of bash wrote to both streams, and its status.
 def shell(command: str) -> tuple[str, int]:
     done = subprocess.run(["bash", "-c", command], stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
@@ -288,9 +285,6 @@ class ServerTest(unittest.TestCase):
             server.terminate()
             server.send_signal(signal.SIGCONT)
             server.finish(status)
-
-    def make_certificate(self) -> None:
-        make_certificate(self.scratch)
 
     def check(self, command: str, expected: tuple[str, int] = ("", 0)) -> None:
         self.assertEqual(shell(command), expected, command)

@@ -10,7 +10,7 @@ import socket
 import ssl
 import urllib.parse
 
-from programs import STORAGE, TOP, ServerTest, serve, shell, text, until
+from programs import STORAGE, TOP, ServerTest, make_certificate, serve, shell, text, until
 
 JSON = "\nContent-Type: application/json\nCache-Control: no-store\nX-Content-Type-Options: nosniff"
 RAW = " HTTP/1.1\r\nHost: @\r\nConnection: close\r\n"
@@ -169,12 +169,12 @@ class StorageTest(ServerTest):
 
     # SIGHUP: the files that are read again, while a reply is on its way.
     def test_reload(self):
-        self.make_certificate()
+        make_certificate(self.scratch)
         self.serve(STORAGE, *TLS, "--users", "{0}/users", "--log", "{0}/log")
         running = self.connection("/big\n" + ANN)
         running.recv(1)
         certificates = [ssl.get_server_certificate(self.address)]
-        self.make_certificate()
+        make_certificate(self.scratch)
         for change, answer in (
                 ("mv log log.1 && sed -i /ann/d users", "again\n"),
                 ("chmod 604 key && echo ann: >users", "except .*others can read it; .*line 1 is not NAME:PASSWORD"),
@@ -256,7 +256,7 @@ class StorageTest(ServerTest):
             self.expect("200 content")
         self.assertEqual(text(self.scratch + "/server.err").count("clients have to wait"), 1)
         # Where strangers come, one address gets half of the connections: of five the last one is closed alone.
-        self.make_certificate()
+        make_certificate(self.scratch)
         self.serve("prlimit", "--nofile=60", STORAGE, "--listen", "0.0.0.0", "--host", "127.0.0.1", *TLS)
         connections = [self.connection("/d/in", 0) for _ in range(5)]
         self.assertEqual(select.select(connections, [], [])[0], connections[4:])
