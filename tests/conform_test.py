@@ -21,10 +21,8 @@ BROKEN = [
     ("fault     `offset` is the new length", 'os.truncate(path, int(query["offset"]))', "pass"),
     ("fault     `unlink` of a", "os.unlink(path)", "(os.rmdir if os.path.isdir(path) else os.unlink)(path)"),
     ("advice    The service decides", "os.rmdir(path)", '__import__("shutil").rmtree(path)'),
-    ("fault     `to` is the whole new path", "os.rename(path", "os.link(path"),
     ("fault     `rename` of a file onto", '{"hc": 409}', '{"hc": 200}'),
     ("fault     a write to a file that is not", "with opened", "os.close(os.open(path, os.O_CREAT))\n    with opened"),
-    ("fault     Names are sent", "unquote_to_bytes(encoded)", "unquote_to_bytes(unquote_to_bytes(encoded))"),
     ("fault     A listing holds the whole", "in os.listdir(path)", "in os.listdir(path)[:100]"),
     ("fault     times of last access", '"mt": int(st.st_mtime)', '"mt": 1'),
     ("fault     So the two do not", "pwrite(file.fileno(), body, ", "pwrite(file.fileno(), body[:65536], __import__("
