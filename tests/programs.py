@@ -186,11 +186,14 @@ def forked(work: Callable[[], None]) -> int:
             work()
             status = 0
         except SystemExit as ending:
-            status = ending.code
+            status = ending.code or 0
         except Failure as failure:
-            print(failure, file=sys.stderr)
+            status = str(failure)
         except BaseException:
             sys.excepthook(*sys.exc_info())
+        if isinstance(status, str):
+            print(status, file=sys.stderr)
+            status = 1
         sys.stdout.flush()
         os._exit(status)
     try:

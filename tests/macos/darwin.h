@@ -6,9 +6,8 @@
 #include <unistd.h>
 #undef environ
 
-// Before the names of the system's are redefined.
-#include <gtest/gtest.h>
-
+#include <cstdint>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 

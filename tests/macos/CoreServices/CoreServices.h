@@ -1,8 +1,10 @@
-// What the sidebar registration uses of CoreFoundation and Launch Services, every object of which is its name here. In
-// rows that are traced, each function prints its call.
+// What the sidebar registration uses of CoreFoundation and Launch Services, every object of which is its name here.
+// Each function prints its call.
 #pragma once
 
-#include "tests/scripted_calls.h"
+#include <cstdio>
+#include <initializer_list>
+#include <string>
 
 typedef unsigned char Boolean, UInt8;
 typedef long CFIndex;
