@@ -39,10 +39,8 @@ void report(unsigned status, const char* detail) {
                  {503, "memory or descriptors are short"},
                  {0, "clients have to wait"},
                  {500, "the disk fails"}};
-    auto* kind = kinds;
-    while (kind->status != status && kind->status != 500) {
-        ++kind;
-    }
+    auto* const kind = std::find_if(std::begin(kinds), std::end(kinds) - 1,
+                                    [status](const auto& each) { return each.status == status; });
     const Clock::time_point now = Clock::now();
     Clock::time_point expected = kind->due;
     if (now >= expected && kind->due.compare_exchange_strong(expected, now + std::chrono::minutes(1))) {
@@ -72,7 +70,6 @@ void writeLog(const sockaddr* client, const Request& request, const Reply& reply
     std::tm parts = {};
     std::strftime(time, sizeof time, "%FT%TZ", gmtime_r(&now, &parts));
     const Target& target = request.target;
-    const bool isWrite = target.action == Action::write;
     const std::string words[] = {
         time,
         request.forwardedFor.empty() ? addressText(*client) : request.forwardedFor,
@@ -80,7 +77,7 @@ void writeLog(const sockaddr* client, const Request& request, const Reply& reply
         request.understood ? std::string(nameOf(target.action)) : "",
         request.understood ? encoded("/" + target.path) : "",
         reply.status != 0 ? std::to_string(reply.status) : "",
-        std::to_string(isWrite ? request.received : reply.length),
+        std::to_string(target.action == Action::write ? request.received : reply.length),
     };
     std::string line;
     for (const std::string& word : words) {

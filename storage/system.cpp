@@ -25,12 +25,9 @@ constexpr struct {
 } // namespace
 
 unsigned statusOf(int error) {
-    for (const auto& known : statuses) {
-        if (known.error == std::abs(error)) {
-            return known.status;
-        }
-    }
-    return MHD_HTTP_INTERNAL_SERVER_ERROR;
+    const auto* const known = std::find_if(std::begin(statuses), std::end(statuses),
+                                           [error](const auto& each) { return each.error == std::abs(error); });
+    return known != std::end(statuses) ? known->status : MHD_HTTP_INTERNAL_SERVER_ERROR;
 }
 
 bool isFailure(int error) {

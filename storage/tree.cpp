@@ -42,6 +42,10 @@ int resultOfOpen(ssize_t outcome) {
     return outcome >= 0 ? 0 : errno == EINVAL || isFailure(errno) ? -errno : -EIO;
 }
 
+bool isSameFile(const struct stat& a, const struct stat& b) {
+    return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
+}
+
 bool isAscii(std::string_view text) {
     return std::all_of(text.begin(), text.end(), [](char c) { return static_cast<unsigned char>(c) < 0x80; });
 }
@@ -111,9 +115,7 @@ int finishWriting(Descriptor& file, const std::string& path, int result, struct 
     }
     // Some file systems do not count links; then the path has to lead to the file.
     struct stat found;
-    const bool isThere =
-        st.st_nlink > 0 || (lookUp(path, found).number >= 0 && found.st_dev == st.st_dev && found.st_ino == st.st_ino);
-    return isThere ? 0 : -ENOENT;
+    return st.st_nlink > 0 || (lookUp(path, found).number >= 0 && isSameFile(found, st)) ? 0 : -ENOENT;
 }
 } // namespace
 
@@ -159,11 +161,17 @@ Descriptor openInTree(const std::string& path, int access, struct stat& st) {
     if (access == O_RDONLY ? S_ISFIFO(st.st_mode) : !S_ISREG(st.st_mode) || isKernelState(found)) {
         return Descriptor(-EPERM);
     }
-    // What was found is opened itself, whatever has its name now.
-    const std::string own = std::to_string(found.number);
-    Descriptor opened(resultOf(openat(ownDescriptors.number, own.c_str(), access | O_CLOEXEC)));
-    const int known = opened.number < 0 ? 0 : resultOfOpen(fstat(opened.number, &st));
-    return known != 0 ? Descriptor(known) : std::move(opened);
+    const struct stat judged = st;
+    // The name is quicker than what was found. But another program may have a lease, or something else the name: then
+    // what was found is opened itself, however long that takes.
+    Descriptor opened = openBeneath(path, access | O_NONBLOCK | O_NOCTTY);
+    if (opened.number < 0 || fstat(opened.number, &st) != 0 || !isSameFile(st, judged)) {
+        const std::string own = std::to_string(found.number);
+        opened = Descriptor(resultOf(openat(ownDescriptors.number, own.c_str(), access | O_CLOEXEC)));
+        const int known = opened.number < 0 ? 0 : resultOfOpen(fstat(opened.number, &st));
+        return known != 0 ? Descriptor(known) : std::move(opened);
+    }
+    return opened;
 }
 
 ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset) {
