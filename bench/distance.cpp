@@ -2,9 +2,7 @@
 // between which every packet takes half a round trip. Bandwidth is not limited, and no packet is lost.
 //   distance MILLISECONDS   prints the process ID, whose network name space is the distant place, and runs until it is
 //   ended. The caller's address is 192.0.2.1 and the distant one 192.0.2.2, so the caller needs a name space of its
-//   own.
-#include <algorithm>
-#include <arpa/inet.h>
+//   own. It needs `ip` (iproute2).
 #include <chrono>
 #include <cmath>
 #include <condition_variable>
@@ -20,7 +18,6 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
-#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -43,16 +40,8 @@ void check(int outcome, const char* what) {
     }
 }
 
-void setAddress(int socket, unsigned long request, ifreq& interface, const char* address) {
-    sockaddr_in value = {};
-    value.sin_family = AF_INET;
-    inet_pton(AF_INET, address, &value.sin_addr);
-    std::memcpy(&interface.ifr_addr, &value, sizeof value);
-    check(ioctl(socket, request, &interface), "distance: address");
-}
-
 // A tun device of this network name space. It takes and gives large segments whole, as network cards do.
-int device(const char* address, const char* peer) {
+int device(const char* setUp) {
     const int tun = open("/dev/net/tun", O_RDWR | O_CLOEXEC);
     check(tun, "distance: /dev/net/tun");
     ifreq interface = {};
@@ -60,12 +49,7 @@ int device(const char* address, const char* peer) {
     interface.ifr_flags = IFF_TUN | IFF_NO_PI | IFF_VNET_HDR;
     check(ioctl(tun, TUNSETIFF, &interface), "distance: tun");
     check(ioctl(tun, TUNSETOFFLOAD, TUN_F_CSUM | TUN_F_TSO4), "distance: tun");
-    const int socket = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    setAddress(socket, SIOCSIFADDR, interface, address);
-    setAddress(socket, SIOCSIFDSTADDR, interface, peer);
-    interface.ifr_flags = IFF_UP | IFF_RUNNING;
-    check(ioctl(socket, SIOCSIFFLAGS, &interface), "distance: tun");
-    close(socket);
+    check(-std::system(setUp), "distance: ip");
     return tun;
 }
 
@@ -101,9 +85,9 @@ int main(int argc, char* argv[]) {
     prctl(PR_SET_PDEATHSIG, SIGTERM);
     prctl(PR_SET_TIMERSLACK, 1);
     const std::chrono::nanoseconds oneWay(argc > 1 ? std::llround(std::atof(argv[1]) * 1e6 / 2) : 0);
-    const int here = device("192.0.2.1", "192.0.2.2");
+    const int here = device("ip address add 192.0.2.1 peer 192.0.2.2 dev distance && ip link set distance up");
     check(unshare(CLONE_NEWNET), "distance: name space");
-    const int there = device("192.0.2.2", "192.0.2.1");
+    const int there = device("ip address add 192.0.2.2 peer 192.0.2.1 dev distance && ip link set distance up");
     std::printf("%d\n", getpid());
     std::fflush(stdout);
     std::thread(carry, here, there, oneWay).detach();

@@ -16,21 +16,22 @@ MEBIBYTE = 1 << 20
 PARALLEL = 8
 STATS = 10000
 SCALES = (25000, 50000, 100000, 200000)
+BLOCKS_VERIFIED = ("--verify=crc32c", "--verify_interval=4096")
 block = os.urandom(BLOCK)  # written again and again; as long as the writes of cp
 
 
 @dataclass(frozen=True)
 class Amounts:
-    read: int
+    read: int  # MiB
     random: int
-    write: int
+    write: int  # MiB
     changes: int
     directories: int
     files: int  # in each directory
 
 
-NEAR = Amounts(read=256 * MEBIBYTE, random=500, write=256 * MEBIBYTE, changes=200, directories=100, files=100)
-FAR = Amounts(read=64 * MEBIBYTE, random=20, write=8 * MEBIBYTE, changes=10, directories=20, files=50)
+NEAR = Amounts(read=256, random=500, write=256, changes=200, directories=100, files=100)
+FAR = Amounts(read=64, random=20, write=8, changes=10, directories=20, files=50)
 
 
 @dataclass
@@ -39,18 +40,19 @@ class Task:
     amounts: Amounts
     served: Path  # the directory on the server
     place: Path  # the mount
+    first_listing: float  # seconds from the start of the mount
 
 
 @dataclass
 class Result:
-    metric: str
+    metric: str  # what was timed, in words for the reader
     seconds: float
     stored: bool = True  # whether all of it was on the server when the last call returned
 
 
-def timed(work: Callable, *words: object) -> float:
+def timed(work: Callable[[], object]) -> float:
     start = time.perf_counter()
-    work(*words)
+    work()
     return time.perf_counter() - start
 
 
@@ -85,10 +87,10 @@ def fill(directory: Path, count: int, size: int) -> None:
 
 def make_files(served: Path, amounts: Amounts, names: Iterable[str]) -> None:
     """Makes what the named workloads read."""
-    lay = ("--verify=crc32c", "--verify_interval=4096", "--do_verify=0", "--bs=1M")
+    lay = (*BLOCKS_VERIFIED, "--do_verify=0", "--bs=1M")
     (served / "data").mkdir(parents=True)
-    fio(served / "data" / "big", "write", f"--size={amounts.read}", *lay)
-    fio(served / "data" / "f$jobnum", "write", f"--size={amounts.read // PARALLEL}", f"--numjobs={PARALLEL}", *lay)
+    fio(served / "data" / "big", "write", f"--size={amounts.read}M", *lay)
+    fio(served / "data" / "f$jobnum", "write", f"--size={amounts.read // PARALLEL}M", f"--numjobs={PARALLEL}", *lay)
     (served / "tree").mkdir()
     for i in range(amounts.directories):
         fill(served / "tree" / f"d{i}", amounts.files, 1)
@@ -112,72 +114,75 @@ def check_written(served: Path) -> None:
 # The workloads.
 
 
-def start(_: Task) -> list[Result]:
-    """The mount has been timed."""
-    return []
+def start(task: Task) -> list[Result]:
+    return [Result("start to first listing", task.first_listing)]
 
 
 def find_twice(task: Task) -> list[Result]:
-    return [Result(f"{state} find", find(task.place / "tree")) for state in ("cold", "warm")]
+    count = task.amounts.directories * task.amounts.files
+    return [Result(f"{state} `find -ls`, {count:,} files", find(task.place / "tree")) for state in ("cold", "warm")]
 
 
 def large(task: Task) -> list[Result]:
-    return [Result("large", find(task.place / "entries50000"))]
+    return [Result("cold `find -ls`, 50,000 entries in one directory", find(task.place / "entries50000"))]
 
 
 def growth(task: Task) -> list[Result]:
-    return [Result(f"{count} entries", find(task.place / f"entries{count}")) for count in SCALES]
+    return [Result(f"the same, {count:,} entries", find(task.place / f"entries{count}")) for count in SCALES]
 
 
 def stat(task: Task) -> list[Result]:
     paths = [task.place / "tree" / "d0" / f"f{i}" for i in range(task.amounts.files)]
-
-    def many(count: int) -> None:
-        for i in range(count):
-            os.stat(paths[i % len(paths)])
-    many(len(paths))
-    return [Result("stat", timed(many, STATS))]
+    for path in paths:
+        os.stat(path)
+    seconds = timed(lambda: [os.stat(paths[i % len(paths)]) for i in range(STATS)])
+    return [Result(f"{STATS:,} `stat`, kernel caching off", seconds)]
 
 
 def read(task: Task, *options: str) -> list[Result]:
-    return [Result("read", fio(task.place / "data" / "big", "read", "--bs=128k", *options))]
+    seconds = fio(task.place / "data" / "big", "read", "--bs=128k", *options)
+    return [Result(f"sequential read, {task.amounts.read} MiB", seconds)]
 
 
 def readers(task: Task, *options: str) -> list[Result]:
-    return [Result("readers", fio(task.place / "data" / "f$jobnum", "read", "--bs=128k", f"--numjobs={PARALLEL}",
-                                  *options))]
+    seconds = fio(task.place / "data" / "f$jobnum", "read", "--bs=128k", f"--numjobs={PARALLEL}", *options)
+    return [Result(f"{PARALLEL} readers at once, {task.amounts.read // PARALLEL} MiB each", seconds)]
 
 
 def random(task: Task, *options: str) -> list[Result]:
-    return [Result("random", fio(task.place / "data" / "big", "randread", "--bs=4k",
-                                 f"--number_ios={task.amounts.random}", *options))]
+    count = task.amounts.random
+    seconds = fio(task.place / "data" / "big", "randread", "--bs=4k", f"--number_ios={count}", *options)
+    return [Result(f"{count:,} random reads of 4 KiB", seconds)]
 
 
 def write(task: Task) -> list[Result]:
-    seconds = timed(write_file, task.place / "work" / "big", task.amounts.write)
-    return [Result("write", seconds, is_stored(task, {"big": task.amounts.write}))]
+    size = task.amounts.write * MEBIBYTE
+    seconds = timed(lambda: write_file(task.place / "work" / "big", size))
+    return [Result(f"sequential write, {task.amounts.write} MiB", seconds, is_stored(task, {"big": size}))]
 
 
 def writers(task: Task) -> list[Result]:
-    size = task.amounts.write // PARALLEL
-    names = [f"f{i}" for i in range(PARALLEL)]
+    share = task.amounts.write // PARALLEL
+    files = {f"f{i}": share * MEBIBYTE for i in range(PARALLEL)}
     with concurrent.futures.ThreadPoolExecutor(PARALLEL) as pool:
-        seconds = timed(lambda: list(pool.map(lambda name: write_file(task.place / "work" / name, size), names)))
-    return [Result("writers", seconds, is_stored(task, dict.fromkeys(names, size)))]
+        seconds = timed(lambda: list(pool.map(lambda name: write_file(task.place / "work" / name, files[name]), files)))
+    return [Result(f"{PARALLEL} writers at once, {share} MiB each", seconds, is_stored(task, files))]
 
 
 def changes(task: Task) -> list[Result]:
-    work, count = task.place / "work", range(task.amounts.changes)
+    work, count = task.place / "work", task.amounts.changes
+    created = {f"f{i}": 4096 for i in range(count)}
+    renamed = {f"r{i}": 4096 for i in range(count)}
 
     def all_of(change: Callable[[int], None]) -> float:
-        return timed(lambda: [change(i) for i in count])
-    results = [
-        Result("create", all_of(lambda i: write_file(work / f"f{i}")), is_stored(task, {f"f{i}": 4096 for i in count})),
-        Result("rename", all_of(lambda i: os.rename(work / f"f{i}", work / f"r{i}")),
-               is_stored(task, {f"r{i}": 4096 for i in count})),
-        Result("remove", all_of(lambda i: os.unlink(work / f"r{i}")), is_stored(task, {}))]
-    results[2].stored &= results[1].stored
-    return results
+        return timed(lambda: [change(i) for i in range(count)])
+    create = Result(f"{count} files of 4 KiB created", all_of(lambda i: write_file(work / f"f{i}")),
+                    is_stored(task, created))
+    rename = Result(f"{count} renames", all_of(lambda i: os.rename(work / f"f{i}", work / f"r{i}")),
+                    is_stored(task, renamed))
+    remove = Result(f"{count} removals", all_of(lambda i: os.unlink(work / f"r{i}")),
+                    rename.stored and is_stored(task, {}))
+    return [create, rename, remove]
 
 
 READING = ("kelvane", "before", "kelvane -s", "rclone", "davfs2", "sshfs", "pass-through")
