@@ -46,71 +46,58 @@ has_fuse() { [ -c /dev/fuse ] && { : <>/dev/fuse; } 2>/dev/null; }
 
 # Removes a directory and unmounts what is below it, the deepest first; the daemon of a disk ends with the unmount.
 remove_with_mounts() {
-    local point
-    while read -r point; do
-        fusermount -u -z -q "$(printf '%b' "$point")"
-    done < <(awk -v root="$1" '$2 == root || index($2, root "/") == 1 { print $2 }' /proc/self/mounts | tac)
+    awk -v root="$1" '$2 == root || index($2, root "/") == 1 { print $2 }' /proc/self/mounts | tac |
+        while read -r point; do fusermount -u -z -q "$(printf '%b' "$point")"; done
     rm -rf --one-file-system "$1"
 }
 
-# Runs a command as a job in a process group of its own, so that a signal to this script is handled at once. On a
-# terminal it shows meanwhile what the function PROGRESS prints: run_job PROGRESS COMMAND...
-run_job() {
-    local progress=$1 status
+# Runs a command with its output in build/logs/NAME.log: logged NAME COMMAND... It is a job in a process group of its
+# own, so that a signal to this script is handled at once. On a terminal the last line of the log is shown meanwhile. If
+# the command fails, its last output is shown, and the script ends.
+logged() {
+    local name=$1 log=$logs/$1.log status
     shift
+    mkdir -p "$logs" && : >"$log" || fail "cannot write $log"
     set -m
-    "$@" </dev/null &
+    "$@" </dev/null >"$log" 2>&1 &
     job=$!
     set +m
     while [ -t 1 ] && kill -0 "$job" 2>/dev/null; do
-        printf '\r\033[K%.79s' "$("$progress")"
+        printf '\r\033[K%.79s' "$(tail -n 1 "$log")"
         sleep 0.2
     done
     [ ! -t 1 ] || printf '\r\033[K'
     wait "$job"
     status=$?
     job=
-    return "$status"
+    [ "$status" -eq 0 ] && return
+    tail -n 100 "$log" >&2
+    fail "$name failed; the whole output is in $log"
 }
-
-# Runs a command with its output in build/logs/NAME.log, whose last line is the progress. If the command fails, shows
-# its last output and says where the rest is: logged NAME COMMAND...
-logged() {
-    local log=$logs/$1.log
-    shift
-    mkdir -p "$logs" && : >"$log" || fail "cannot write $log"
-    run_job last_line into_log "$@" || { tail -n 100 "$log"; say "the whole output is in $log"; return 1; } >&2
-}
-into_log() { "$@" >"$log" 2>&1; }
-last_line() { tail -n 1 "$log"; }
 
 # Installs the named packages that are missing. Servers among them do not start, now or when the machine starts.
 need_packages() {
     command -v dpkg-query >/dev/null || { say "this is not Debian; make sure that these are installed: $*"; return 0; }
-    local missing root=() log=$logs/packages.log
+    local missing root=(env) log=$logs/packages.log
     mapfile -t missing < <(printf '%s\n' "$@" | grep -vxF -f <(
         dpkg-query -W -f '${Package} ${Status}\n' "$@" 2>/dev/null | sed -n 's/ install ok installed$//p'))
     [ ${#missing[@]} -gt 0 ] || return 0
     say "installing ${missing[*]}"
-    if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null ||
-            fail "only root can install packages, and sudo is missing; run this as root:
+    [ "$(id -u)" -eq 0 ] || root=(sudo env)
+    command -v "${root[0]}" >/dev/null || fail "only root can install packages, and sudo is missing; run this as root:
 apt-get install --no-install-recommends ${missing[*]}"
-        root=(sudo)
-    fi
     mkdir -p "$logs"
     # Settings that somebody has changed stay as they are, without a question.
     # shellcheck disable=SC2016
-    local install='units() {
-            systemctl --root=/ list-unit-files --state=enabled --no-legend 2>/dev/null | cut -d" " -f1 | sort
-        }
+    local install='
+        units() { systemctl --root=/ list-unit-files --state=enabled --no-legend 2>/dev/null | cut -d" " -f1 | sort; }
         policy=/usr/sbin/policy-rc.d before=$(units)
         trap "exit 130" HUP INT PIPE TERM # these would skip the trap of EXIT
         [ -e $policy ] || { trap "rm $policy" EXIT && printf "#!/bin/sh\nexit 101\n" >$policy && chmod 755 $policy; }
         apt-get update -q && apt-get install -qy --no-install-recommends \
             -o Dpkg::Options::=--force-confdef -o Dpkg::Options::=--force-confold "$@" || exit
         units | grep -vxF "${before:-none}" | xargs -r systemctl --root=/ disable'
-    "${root[@]}" env DEBIAN_FRONTEND=noninteractive sh -c "$install" sh "${missing[@]}" 2>&1 </dev/null |
+    "${root[@]}" DEBIAN_FRONTEND=noninteractive sh -c "$install" sh "${missing[@]}" 2>&1 </dev/null |
         if [ -t 1 ]; then tee "$log"; else cat >"$log"; fi
     [ "${PIPESTATUS[0]}" -eq 0 ] ||
         { tail -n 5 "$log" >&2; fail "the packages cannot be installed; the whole output is in $log"; }
@@ -119,6 +106,5 @@ apt-get install --no-install-recommends ${missing[*]}"
 # Configures and builds a preset.
 build_preset() {
     say "building ($1)"
-    logged "build-$1" sh -c 'cd "$1" && cmake --preset "$2" && cmake --build --preset "$2"' sh "$top" "$1" ||
-        fail "the build ($1) failed"
+    logged "build-$1" sh -c 'cd "$1" && cmake --preset "$2" && cmake --build --preset "$2"' sh "$top" "$1"
 }
