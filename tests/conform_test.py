@@ -76,5 +76,5 @@ class ConformTest(ServerTest):
         told = "".join(told for told, _ in results)
         self.assertEqual([*os.listdir(self.tree), *[status for _, status in results]],
                          ["file", 0, 0, 1, 2, 2, 130, 143], told)
-        self.assertRegex(told, "(?s) 0 fault, 0 advice.*fault: wrong name or password.*certificate verify failed")
+        self.assertRegex(told, "(?s) 0 fault, 0 advice.*fault: status 401.*certificate verify failed")
         self.assertNotRegex(told, "p w@x|p%20|YW5uO|p w")
