@@ -8,7 +8,7 @@ export LC_ALL=C.UTF-8
 build_packages=(g++ cmake ninja-build pkg-config libfuse-dev fuse3 libcurl4-openssl-dev libcjson-dev libevent-dev
     uthash-dev libutf8proc-dev libmicrohttpd-dev libgnutls28-dev libcrypt-dev)
 # clang and its tools in the release's own version.
-test_packages=(libgtest-dev clang clang-tidy libclang-rt-dev git rsync sqlite3 openssl
+test_packages=(clang clang-tidy libclang-rt-dev git rsync sqlite3 openssl
     ca-certificates curl gobjc++ libgnustep-base-dev python3)
 format_packages=(clang-format shellcheck flake8)
 soak_packages=(fio stress-ng)

@@ -5,7 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
-#include <gtest/gtest.h>
+#include <iostream>
 #include <linux/openat2.h>
 
 namespace {
@@ -46,43 +46,42 @@ long __wrap_syscall(long number, int directory, const char* name, const open_how
 }
 }
 
-TEST(AnswerTest, SyncsAndFailures) {
-    const std::filesystem::path tree = testing::TempDir() + "answers-" + std::to_string(getpid());
+int main() {
+    const std::filesystem::path tree = std::filesystem::temp_directory_path() / ("answers-" + std::to_string(getpid()));
     std::filesystem::create_directories(tree / "d");
     std::ofstream(tree / "f") << "content";
     std::ofstream(tree / "bad") << "";
-    ASSERT_EQ(openTree(tree.c_str(), true), 0);
+    int wrong = openTree(tree.c_str(), true);
     // A file and every directory whose entries have changed are synced.
     const struct {
         const char* text;
-        unsigned status;
-        int syncs;
+        std::string outcome; // the status, and the number of syncs
         const char* call = "";
         int error = 0;
     } rows[] = {
-        {"/new?action=create", 204, 2},
-        {"/new?action=write&offset=0", 200, 1},
-        {"/new", 200, 0},
-        {"/new?action=truncate&offset=9", 204, 1},
-        {"/m?action=mkdir", 200, 1},
-        {"/new?action=rename&to=d%2Fx", 200, 2},
-        {"/d/x?action=unlink", 204, 1},
-        {"/m?action=rmdir", 204, 1},
-        {"/m?action=rmdir", 404, 0},
-        {"/", 500, 0, "bad", EIO},
-        {"/", 200, 0, "bad", ENOENT},
-        {"/f", 500, 0, "pread", EIO},
-        {"/f?action=write&offset=0", 500, 1, "pwrite", EPERM}, // of a mount that was cut off
-        {"/f?action=write&offset=0", 507, 1, "pwrite", ENOSPC},
-        {"/f?action=write&offset=0", 500, 1, "pwrite", 0},
-        {"/f?action=write&offset=0", 500, 1, "fsync", EIO},
-        {"/f?action=write&offset=0", 200, 1, "fsync", EINVAL}, // there is nothing to wait for
-        {"/new?action=create", 500, 1, "fsync", EIO},
-        {"/f?action=props", 503, 0, "openat2", EMFILE},
-        {"/f?action=props", 200, 0, "openat2", EAGAIN}, // the walk has met renames
-        {"/?action=props", 500, 0, "gone"},
-        {"/f", 500, 0},
-        {"/x?action=create", 500, 0},
+        {"/new?action=create", "204, 2"},
+        {"/new?action=write&offset=0", "200, 1"},
+        {"/new", "200, 0"},
+        {"/new?action=truncate&offset=9", "204, 1"},
+        {"/m?action=mkdir", "200, 1"},
+        {"/new?action=rename&to=d%2Fx", "200, 2"},
+        {"/d/x?action=unlink", "204, 1"},
+        {"/m?action=rmdir", "204, 1"},
+        {"/m?action=rmdir", "404, 0"},
+        {"/", "500, 0, broken off", "bad", EIO},
+        {"/", "200, 0", "bad", ENOENT},
+        {"/f", "500, 0, broken off", "pread", EIO},
+        {"/f?action=write&offset=0", "500, 1", "pwrite", EPERM}, // of a mount that was cut off
+        {"/f?action=write&offset=0", "507, 1", "pwrite", ENOSPC},
+        {"/f?action=write&offset=0", "500, 1", "pwrite", 0},
+        {"/f?action=write&offset=0", "500, 1", "fsync", EIO},
+        {"/f?action=write&offset=0", "200, 1", "fsync", EINVAL}, // there is nothing to wait for
+        {"/new?action=create", "500, 1", "fsync", EIO},
+        {"/f?action=props", "503, 0, broken off", "openat2", EMFILE},
+        {"/f?action=props", "200, 0", "openat2", EAGAIN}, // the walk has met renames
+        {"/?action=props", "500, 0, broken off", "gone"},
+        {"/f", "500, 0, broken off"},
+        {"/x?action=create", "500, 0"},
     };
     for (const auto& row : rows) {
         syncs = 0;
@@ -95,13 +94,15 @@ TEST(AnswerTest, SyncsAndFailures) {
         Request request;
         request.admitted = true;
         request.body = "body";
-        EXPECT_EQ(parseTarget(row.text, "/", request.target), 0U) << row.text;
+        parseTarget(row.text, "/", request.target);
         Reply reply = request.target.action == Action::write ? openUpload(request) : Reply();
         reply = reply.status != 0 ? std::move(reply) : answer(request);
-        // What is read must not look complete.
-        const bool isRead = request.target.action == Action::plain || request.target.action == Action::props;
-        EXPECT_EQ(std::tuple(reply.status, syncs, std::holds_alternative<BrokenOff>(reply.body)),
-                  std::tuple(row.status, row.syncs, isRead && row.status >= 500))
-            << row.call << " " << row.text;
+        const char* const end = std::holds_alternative<BrokenOff>(reply.body) ? ", broken off" : "";
+        const std::string outcome = std::to_string(reply.status) + ", " + std::to_string(syncs) + end;
+        if (outcome != row.outcome) {
+            std::cout << row.call << " " << row.text << ": " << outcome << "\n";
+            ++wrong;
+        }
     }
+    return wrong;
 }

@@ -32,7 +32,6 @@ namespace {
 using Arguments = const std::vector<char*>&;
 
 time_t now = 1000, step = 0; // each time it is read, the clock moves on by `step` seconds
-pthread_t detached;
 
 struct fuse_file_info file = {.flags = -5, .fh = O_RDWR | O_APPEND};
 struct statvfs volume = {.f_bsize = 7};
@@ -97,17 +96,6 @@ std::nullopt_t pick(Arguments a) {
     return DirEntryFree(dir), std::nullopt;
 }
 
-// The lines of the registration's thread come last.
-long getFirstAttributes(Arguments a) {
-    finderName = a[0];
-    finderInformed = 0;
-    flockfile(stderr);
-    print(kelvane_getattr("/no", &st), kelvane_getattr("/no", &st));
-    funlockfile(stderr);
-    pthread_join(detached, nullptr);
-    return finderInformed;
-}
-
 } // namespace
 
 // These replace the system's functions, and the daemon's main (linked with --wrap).
@@ -118,7 +106,9 @@ long getFirstAttributes(Arguments a) {
 REPLACE(time_t, time(time_t*), (now += step) - step)
 REPLACE(uid_t, getuid(), 65534)
 REPLACE(gid_t, getgid(), 4321)
-REPLACE(int, pthread_detach(pthread_t thread), (detached = thread, 0))
+// The thread of the registration is waited for, but not those of a whole daemon.
+REPLACE(int, pthread_detach(pthread_t thread),
+        (threadPipe[0] != 0 || pthread_join(thread, nullptr), print("detached"), 0))
 extern "C" int __real_main(int argc, char* argv[]);
 
 namespace {
@@ -145,7 +135,7 @@ const std::map<std::string, std::function<std::optional<long>(Arguments)>> calls
     {"write", [](Arguments a) { return kelvane_write(a[0], data.data(), std::atol(a[1]), std::atol(a[2]), &file); }},
     {"flush", [](Arguments a) { return kelvane_flush(a[0], &file); }},
     {"getattr", [](Arguments a) { return print(kelvane_getattr(a[0], &st), st); }},
-    {"register", getFirstAttributes},
+    {"register", [](Arguments a) { return finderName = a[0], finderInformed = 0, std::nullopt; }},
     {"chmod", [](Arguments a) { return kelvane_chmod(a[0], static_cast<mode_t>(0200600)); }},
     {"setattr", [](Arguments a) { return kelvane_setattr_x(a[0], nullptr); }},
     {"list", [](Arguments a) { return text = "is", print(kelvane_readdir(a[0], nullptr, add, 0, nullptr), text); }},
@@ -158,7 +148,6 @@ const std::map<std::string, std::function<std::optional<long>(Arguments)>> calls
     {"put", [](Arguments a) { return std::free(postURL("", a[0], "", 0, nullptr, nullptr)), std::nullopt; }},
     {"spell", [](Arguments a) { return std::free(DirReadOriginalEncodingPath(a[0])), std::nullopt; }},
     {"overflow", [](Arguments) { return WriteMemoryCallback("", 1, SIZE_MAX / 4, &noReply); }},
-    {"nfc", [](Arguments a) { return precompose_string(a[0]) != nullptr; }},
     {"parse", [](Arguments a) { return parseReply(a[0]) != nullptr; }},
     {"flags", [](Arguments a) { return open_flags_local_to_kelv(std::atoi(a[0])); }},
     {"inform", [](Arguments a) { return inform(a[0]), std::nullopt; }},

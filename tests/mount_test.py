@@ -15,7 +15,6 @@ from programs import (AUTHORITIES, BIN, PR_SET_CHILD_SUBREAPER, STORAGE, TOP, VF
                       text, until, until_mounted)
 
 os.environ["PATH"] = f"{BIN}:{TOP}/packaging:{TOP}/tools:" + os.environ["PATH"]
-COMPOSED, DECOMPOSED = "\u00e9", "e\u0301"
 # The daemon has to ignore its environment, and a blocked signal that it inherits.
 STARTER = ["env", "--block-signal=RTMIN", "http_proxy=http://127.0.0.1:9", "https_proxy=http://127.0.0.1:9",
            "FUSE_THREAD_STACK=16384"]
@@ -49,11 +48,6 @@ class MountTest(ServerTest):
         self.disk, self.daemon = self.scratch + "/a disk", None
         os.mkdir(self.disk)
         libc.prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
-
-    def tearDown(self):
-        if self.daemon and self.daemon.poll() is None:
-            self.unmount()
-        super().tearDown()
 
     def start(self, options, starter=(), vfs=VFS):
         command = [*starter, *STARTER, vfs, self.url, "Documents (storage)", *options.split(), "a disk"]
@@ -138,7 +132,7 @@ class MountTest(ServerTest):
             self.unmount()
 
     def test_spellings(self):
-        names = f"C={COMPOSED} D={DECOMPOSED}; "
+        names = "C=\u00e9 D=e\u0301; "
         self.check(f"{names} cd {self.tree} && echo old >$C && mkdir dir.$D")
         self.mount()
         for change in ("cat $D && echo longer >$D", "printf more >>$D", "truncate -s 3 $D", "mv $D dir.$C/$D",

@@ -2,6 +2,7 @@
 directory to work in."""
 import contextlib
 import ctypes
+import multiprocessing
 import os
 import signal
 import subprocess
@@ -177,34 +178,23 @@ def in_spaces(story: Callable[[], None]) -> None:
 # Runs a function in a child process, to which it passes its own end on. Returns the status. Until then it waits for all
 # children.
 def forked(work: Callable[[], None]) -> int:
-    child = os.fork()
-    if child == 0:
+    def begin() -> None:
         libc.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)
         running.clear()
-        status = 1
+        sys.stdin = open(0, closefd=False)  # which multiprocessing has replaced
         try:
             work()
-            status = 0
-        except SystemExit as ending:
-            status = ending.code or 0
         except Failure as failure:
-            status = str(failure)
-        except BaseException:
-            sys.excepthook(*sys.exc_info())
-        if isinstance(status, str):
-            print(status, file=sys.stderr)
-            status = 1
-        sys.stdout.flush()
-        os._exit(status)
+            sys.exit(str(failure))
+    child = multiprocessing.get_context("fork").Process(target=begin)
+    child.start()
     try:
-        while (ended := os.wait())[0] != child:
-            pass
-        return os.waitstatus_to_exitcode(ended[1])
-    except SystemExit:
-        with contextlib.suppress(ProcessLookupError, ChildProcessError):  # it may just have ended
-            os.kill(child, signal.SIGTERM)
-            os.waitpid(child, 0)
-        raise
+        while (ended := os.waitid(os.P_ALL, 0, os.WEXITED | os.WNOWAIT).si_pid) != child.pid:
+            os.waitpid(ended, 0)
+    finally:
+        child.terminate()
+        child.join()
+    return child.exitcode
 
 
 # What scripts say and do.
@@ -272,9 +262,7 @@ class ServerTest(unittest.TestCase):
         self.tree, self.server = self.scratch + "/tree", None
         os.mkdir(self.tree)
         self.addCleanup(clean_up, self.scratch)
-
-    def tearDown(self):
-        self.end_server()
+        self.addCleanup(self.end_server)
 
     # Starts the server, or another command that serves the directory, after the end of the last one.
     def serve(self, *command: str) -> None:

@@ -16,4 +16,3 @@ cd src && git init -q && git add . && git -c user.name=T -c user.email=t@example
 chmod 600 copied/a && chown "$(id -u):$(id -g)" copied/a && touch -d 2001-01-01 copied/a && echo accepted
 mkdir copied; rm none; mv none other; cat copied; cat none src/a/none; rmdir copied/a; mkdir none/m; ls -la none
 mv copied/a copied/sub/b && cat copied/sub/b && mv synced 'src/sub/Ünï 名前/m' && ls -R src && rm -r 'src/sub/Ünï 名前/m/sub'
-find . -name .git -prune -o -print | sort

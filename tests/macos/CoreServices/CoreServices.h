@@ -3,8 +3,6 @@
 #pragma once
 
 #include <cstdio>
-#include <initializer_list>
-#include <string>
 
 typedef unsigned char Boolean, UInt8;
 typedef long CFIndex;
@@ -12,20 +10,16 @@ typedef const char *CFTypeRef, *CFURLRef, *LSSharedFileListRef, *LSSharedFileLis
 constexpr const char *kCFAllocatorDefault = "allocator", *kLSSharedFileListItemLast = "last";
 constexpr const char* kLSSharedFileListFavoriteVolumes = "favourites";
 
-inline const char* give(const char* object, std::initializer_list<const char*> call) {
-    std::string line = "CF:";
-    for (const char* part : call) {
-        line += std::string(" ") + (part != nullptr ? part : "-");
-    }
-    std::puts(line.c_str());
-    return object;
-}
-
-const auto CFRelease = [](CFTypeRef object) { give("", {"release", object}); };
+const auto CFRelease = [](CFTypeRef object) { std::printf("CF: release %s\n", object); };
 const auto CFURLCreateFromFileSystemRepresentation = [](const char* a, const UInt8* path, CFIndex size, Boolean isDir) {
-    return give("url", {a, std::string(reinterpret_cast<const char*>(path), size).c_str(), isDir ? "/" : ""});
+    std::printf("CF: %s %.*s %d\n", a, static_cast<int>(size), reinterpret_cast<const char*>(path), isDir);
+    return "url";
 };
 const auto LSSharedFileListCreate = [](const char* a, const char* type, const char*) {
-    return give("list", {a, type});
+    std::printf("CF: %s %s\n", a, type);
+    return "list";
 };
-const auto LSSharedFileListInsertItemURL = [](auto... arguments) { return give("item", {arguments...}); };
+const auto LSSharedFileListInsertItemURL = [](const char* list, const char* after, auto, auto, CFURLRef url, auto...) {
+    std::printf("CF: %s %s %s\n", list, after, url);
+    return "item";
+};
