@@ -43,11 +43,11 @@ class Site:
 # Servers: one of each for the whole run, all on the same directory.
 
 
-def start_storage(site: Site, before: bool = False) -> str:
+def start_storage(site: Site, name: str = "storage") -> str:
     options = (["--tls-cert", site.work / "cert", "--tls-key", site.work / "key"] if site.tls
                else ["--behind-proxy"] if site.rtt else [])
-    return serve([*site.far, site.program("kelvane_storage", before), "--listen", site.address, *options, site.served],
-                 site.work / f"storage{before}").url
+    program = site.program("kelvane_storage", name == "before")
+    return serve([*site.far, program, "--listen", site.address, *options, site.served], site.work / name).url
 
 
 def start(site: Site, port: int, *command: object) -> str:
@@ -70,7 +70,7 @@ def start_sshd(site: Site) -> str:
     return start(site, 2222, "/usr/sbin/sshd", "-D", "-e", "-f", site.work / "sshd_config")
 
 
-SERVERS = {"storage": start_storage, "before": functools.partial(start_storage, before=True),
+SERVERS = {"storage": start_storage, "before": functools.partial(start_storage, name="before"),
            "nginx": start_nginx, "sshd": start_sshd}
 
 
@@ -85,8 +85,9 @@ def write_settings(site: Site) -> None:
 
 
 def trust_certificate(work: Path) -> None:
-    """Adds the servers' certificate to the system's authorities, as their users would do; the others stay, because a
-    program may read them all. Only this run sees the addition."""
+    """Adds the servers' certificate to the system's authorities, as their users would do: to the list of all, and to
+    the directory in which an authority is found by its name. The others stay, because a program may read them all. Only
+    this run sees the addition."""
     authorities, added = work / "authorities", work / "added"
     authorities.mkdir()
     added.mkdir()
@@ -167,7 +168,8 @@ class Mount:
         found = []
         for process in Path("/proc").glob("[0-9]*"):
             with contextlib.suppress(OSError):  # it may have ended
-                found += [process] if os.fsencode(f"MOUNT={self.point}") in (process / "environ").read_bytes() else []
+                if os.fsencode(f"MOUNT={self.point}") in (process / "environ").read_bytes():
+                    found.append(process)
         return found
 
     def usage(self) -> Usage:
