@@ -7,11 +7,9 @@
 #include "cache/remote_fetch.h"
 #include "cache/root.h"
 #include "cache/xattrs.h"
-#include "kelvane_vfs/checked_text.h"
 #include "kelvane_vfs/operations.h"
 #include "kelvane_vfs/process.h"
 #include "kelvane_vfs/protocol.h"
-#include "kelvane_vfs/reply_tree.h"
 #include "kelvane_vfs/shutdown.h"
 #include "kelvane_vfs/transport.h"
 
@@ -122,7 +120,6 @@ const std::map<std::string, std::function<std::optional<long>(Arguments)>> calls
     {"show", [](Arguments a) { return show(DirGetEntry(a[0])); }},
     {"fetch", [](Arguments a) { return DirFetchRemoteDir(a[0], DirGetEntry(a[0])); }},
     {"update", [](Arguments a) { return DirUpdate(a[0]), recordsInUse; }},
-    {"add", [](Arguments a) { return DirEntryAdd(DirGetEntry(a[0]), "x", fileType, &st) != nullptr; }},
     {"pick", pick},
     {"mkdir", [](Arguments a) { return kelvane_mkdir(a[0], 0700); }},
     {"rmdir", [](Arguments a) { return kelvane_rmdir(a[0]); }},
@@ -148,7 +145,6 @@ const std::map<std::string, std::function<std::optional<long>(Arguments)>> calls
     {"put", [](Arguments a) { return std::free(postURL("", a[0], "", 0, nullptr, nullptr)), std::nullopt; }},
     {"spell", [](Arguments a) { return std::free(DirReadOriginalEncodingPath(a[0])), std::nullopt; }},
     {"overflow", [](Arguments) { return WriteMemoryCallback("", 1, SIZE_MAX / 4, &noReply); }},
-    {"parse", [](Arguments a) { return parseReply(a[0]) != nullptr; }},
     {"flags", [](Arguments a) { return open_flags_local_to_kelv(std::atoi(a[0])); }},
     {"inform", [](Arguments a) { return inform(a[0]), std::nullopt; }},
     {"signals", [](Arguments) { return signals_init(), std::raise(SIGPIPE); }},
@@ -161,7 +157,7 @@ extern "C" int __wrap_main(int argc, char* argv[]) {
     stderr = noteStream("E ");
     alarm(100);
     finderInformed = 1;
-    checkedCopy(baseURL, sizeof baseURL, argv[1]);
+    std::string(argv[1]).copy(baseURL, sizeof baseURL - 1);
     initLibCurl();
     for (int i = 2; i < argc; ++i) {
         note("$ ", argv[i]);

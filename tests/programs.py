@@ -1,5 +1,4 @@
-"""What tests, benchmarks and scripts share: programs that end with their starter, servers, disks, name spaces, and a
-directory to work in."""
+"""What tests, benchmarks and scripts share: programs, servers, disks, name spaces, and a directory to work in."""
 import contextlib
 import ctypes
 import multiprocessing
@@ -206,9 +205,8 @@ def say(line: str) -> None:
 
 # Runs commands of the shell that know scripts/common.sh. If they fail, this program ends with their status.
 def common(commands: str) -> None:
-    done = subprocess.run(["bash", "-c", f'. "{TOP}/scripts/common.sh" && {commands}', sys.argv[0]])
-    if done.returncode != 0:
-        sys.exit(done.returncode)
+    if status := subprocess.call(["bash", "-c", f'. "{TOP}/scripts/common.sh" && {commands}', sys.argv[0]]):
+        sys.exit(status)
 
 
 # A new directory, cleaned up at the end, also after a signal. After a Failure its files are kept in build/logs/NAME,
