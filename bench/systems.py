@@ -214,7 +214,8 @@ def mounted(site: Site, name: str, uncached: bool = False) -> Iterator[Mount]:
 def unmount(mount: Mount) -> None:
     """Unmounts, waits until the processes have ended, and kills them after a minute."""
     def is_done() -> bool:
-        subprocess.run(["timeout", "60", "umount", mount.point], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        subprocess.run(["timeout", "-s", "KILL", "60", "umount", mount.point], stdout=subprocess.DEVNULL,
+                       stderr=subprocess.DEVNULL)
         return not is_mounted(mount.point)
     with contextlib.suppress(Failure):
         until(is_done, seconds=60)
