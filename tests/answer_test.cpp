@@ -100,7 +100,7 @@ int main() {
         const char* const end = std::holds_alternative<BrokenOff>(reply.body) ? ", broken off" : "";
         const std::string outcome = std::to_string(reply.status) + ", " + std::to_string(syncs) + end;
         if (outcome != row.outcome) {
-            std::cout << row.call << " " << row.text << ": " << outcome << "\n";
+            std::cout << row.call << " " << row.text << ": " << outcome << " instead of " << row.outcome << "\n";
             ++wrong;
         }
     }

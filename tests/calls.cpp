@@ -104,9 +104,13 @@ std::nullopt_t pick(Arguments a) {
 REPLACE(time_t, time(time_t*), (now += step) - step)
 REPLACE(uid_t, getuid(), 65534)
 REPLACE(gid_t, getgid(), 4321)
-// The thread of the registration is waited for, but not those of a whole daemon.
-REPLACE(int, pthread_detach(pthread_t thread),
-        (threadPipe[0] != 0 || pthread_join(thread, nullptr), print("detached"), 0))
+extern "C" int __wrap_pthread_detach(pthread_t thread) {
+    if (threadPipe[0] == 0) { // the registration's thread is waited for, but not those of a whole daemon
+        pthread_join(thread, nullptr);
+    }
+    print("detached");
+    return 0;
+}
 extern "C" int __real_main(int argc, char* argv[]);
 
 namespace {

@@ -48,6 +48,11 @@ class MountTest(ServerTest):
         self.disk, self.daemon = self.scratch + "/a disk", None
         os.mkdir(self.disk)
         libc.prctl(PR_SET_CHILD_SUBREAPER, 1)  # a daemon that goes to the background comes to us
+        self.addCleanup(self.end_disk)
+
+    def end_disk(self):  # whose status also tells what a sanitizer has found
+        if self.daemon and self.daemon.poll() is None:
+            self.unmount()
 
     def start(self, options, starter=(), vfs=VFS):
         command = [*starter, *STARTER, vfs, self.url, "Documents (storage)", *options.split(), "a disk"]
