@@ -14,7 +14,7 @@
 namespace {
 // The library clears all of it after each request, so it is no larger than the longest request lines need; half of it
 // is the reading buffer.
-constexpr std::size_t connectionMemory = 64UL * 1024;
+constexpr std::size_t connectionMemory = 56UL * 1024;
 constexpr std::size_t threadStack = 512UL * 1024;
 // Longer than a libcurl client keeps an unused connection, so that none is closed when a client is about to use it.
 constexpr unsigned idleSeconds = 150;
