@@ -21,7 +21,7 @@ bool isShown(const struct stat& st);
 Descriptor lookUp(const std::string& path, struct stat& st);
 
 // Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for all
-// else, which is not opened, and for writing the kernel's own state. It waits while another program has a lease.
+// else, and for writing the kernel's own state. It waits while another program has a lease.
 Descriptor openInTree(const std::string& path, int access, struct stat& st);
 
 // Reads `length` bytes at `offset`, less only at the end of the file. Returns their number.
