@@ -86,6 +86,5 @@ void writeLog(const sockaddr* client, const Request& request, const Reply& reply
     line += (request.understood && target.action == Action::rename ? " " + encoded("/" + *target.to) : "") + "\n";
     // In one piece, so that the lines of several threads do not mix.
     static_cast<void>(write(log, line.data(), line.size()) == 0);
-} catch (const std::bad_alloc&) {
-    return;
+} catch (const std::bad_alloc&) { // no line
 }

@@ -70,8 +70,9 @@ Reply refuseFor(const Request& request, int error) {
 }
 
 Reply jsonReply(std::string text) {
+    const std::uint64_t length = text.size();
     return {.status = MHD_HTTP_OK,
-            .length = text.size(),
+            .length = length,
             .headers = {{MHD_HTTP_HEADER_CONTENT_TYPE, "application/json"}},
             .body = std::move(text)};
 }
