@@ -52,12 +52,8 @@ int addEntry(Listing& listing, const char* name) {
         return 0;
     }
     struct stat st;
-    int result = resultOf(fstatat(dirfd(listing.directory.get()), name, &st, AT_SYMLINK_NOFOLLOW));
-    if (result == 0 && S_ISLNK(st.st_mode)) {
-        result = lookUp(listing.path.empty() ? name : listing.path + "/" + name, st).number;
-        result = result < 0 && !isFailure(result) ? -ENOENT : result;
-    }
-    if (result >= 0 && isShown(st)) {
+    const int result = statEntry({dirfd(listing.directory.get()), listing.path, name}, st);
+    if (result == 0) {
         listing.text.append(listing.text.ends_with('[') ? "" : ",").append("{");
         appendMembers(listing.text, {{"t", IFTODT(st.st_mode)}}); // 4 for a directory
         appendAttributes(listing.text, st);
@@ -65,7 +61,7 @@ int addEntry(Listing& listing, const char* name) {
         appendString(listing.text, text);
         listing.text += '}';
     }
-    return result == -ENOENT ? 0 : std::min(result, 0);
+    return result == -ENOENT || (S_ISLNK(st.st_mode) && !isFailure(result)) ? 0 : result;
 }
 
 // Adds the next elements to the text; 0 or a negated error number.
@@ -91,7 +87,7 @@ int continueListing(Listing& listing) {
 std::string attributeObject(const struct stat& st) {
     std::string json = "{";
     appendAttributes(json, st);
-    return json + "}";
+    return std::move(json) + "}";
 }
 
 std::string statisticsObject(const struct statvfs& volume) {
@@ -108,7 +104,7 @@ std::string statisticsObject(const struct statvfs& volume) {
                          {"bfree", volume.f_bfree >> shift},
                          {"bavail", volume.f_bavail >> shift},
                          {"namemax", volume.f_namemax}});
-    return json + "}";
+    return std::move(json) + "}";
 }
 
 std::string statusEnvelope(int code) {
@@ -121,7 +117,7 @@ int beginListing(Descriptor directory, const std::string& path, Listing& listing
         return -errno;
     }
     directory.number = -1; // the stream closes it
-    listing.path = path;
+    listing.path = path + (path.empty() ? "" : "/");
     listing.text = "{\"entries\":[";
     return continueListing(listing);
 }

@@ -17,7 +17,7 @@ constexpr std::size_t listingMemory = 1 << 17;
 // The listing of a directory, which is made while it is sent, so that it needs no more memory when it is long.
 struct Listing {
     std::unique_ptr<DIR, int (*)(DIR*)> directory{nullptr, closedir};
-    std::string path; // of the directory, in the tree
+    std::string path; // of the directory in the tree, with a slash unless it is empty
     std::string text; // what was made last
     std::size_t taken = 0;
     bool isComplete = false; // `text` holds the end

@@ -36,6 +36,10 @@ bool isEntry(const std::string& path) {
     return openBeneath(path, O_PATH | O_NOFOLLOW).number >= 0;
 }
 
+bool isShown(const struct stat& st) {
+    return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISFIFO(st.st_mode);
+}
+
 // The outcome of a call with an open file. Whether the file may be used was decided when it was opened, so "not found"
 // and "not permitted" now come from a disk that has gone.
 int resultOfOpen(ssize_t outcome) {
@@ -85,18 +89,17 @@ int syncDescriptor(const Descriptor& descriptor, int (*sync)(int)) {
     return !syncsChanges || sync(descriptor.number) == 0 || errno == EINVAL ? 0 : resultOfOpen(-1);
 }
 
-// Calls `change` with the open directory and the name of the entry at `path`, and syncs the directory. `change` returns
-// 0 or a negated error number.
+// Calls `change` with the entry at `path`, which need not exist, and syncs its directory. `change` returns 0 or a
+// negated error number.
 template <typename Change> int changeEntry(const std::string& path, Change change) {
     std::string place = storedSpelling(path);
-    const std::size_t start = place.rfind('/') + 1; // of the name; 0 without a slash
-    const std::string name = place.substr(start);
-    place.resize(start == 0 ? 0 : start - 1);
+    const std::string name = place.substr(place.rfind('/') + 1); // all of it without a slash
+    place.resize(place.size() - name.size());
     const Descriptor directory = openBeneath(place, O_DIRECTORY | (syncsChanges ? O_RDONLY : O_PATH));
     if (directory.number < 0 || name.empty() || isKernelState(directory)) {
         return directory.number < 0 ? directory.number : -EPERM;
     }
-    const int result = change(directory.number, name.c_str());
+    const int result = change(Entry{directory.number, place, name.c_str()});
     return result == 0 ? syncDescriptor(directory, fsync) : result;
 }
 
@@ -137,20 +140,21 @@ bool isTreeGone() {
     return fstat(tree.number, &st) != 0 || (treeHasLinks && st.st_nlink == 0);
 }
 
-bool isShown(const struct stat& st) {
-    return S_ISREG(st.st_mode) || S_ISDIR(st.st_mode) || S_ISFIFO(st.st_mode);
-}
-
 Descriptor lookUp(const std::string& path, struct stat& st) {
     Descriptor found = openBeneath(path, O_PATH);
     if (found.number == -ENOENT && !isAscii(path)) {
         found = openBeneath(storedSpelling(path), O_PATH);
     }
     const int known = found.number < 0 ? found.number : resultOfOpen(fstat(found.number, &st));
-    if (known != 0 || (path.empty() && isTreeGone())) {
-        return Descriptor(known != 0 ? known : -EIO);
-    }
-    return isShown(st) ? std::move(found) : Descriptor(-ENOENT);
+    const int wrong = known != 0 ? known : path.empty() && isTreeGone() ? -EIO : isShown(st) ? 0 : -ENOENT;
+    return wrong != 0 ? Descriptor(wrong) : std::move(found);
+}
+
+int statEntry(const Entry& entry, struct stat& st) {
+    st = {};
+    int result = resultOf(fstatat(entry.directory, entry.name, &st, AT_SYMLINK_NOFOLLOW));
+    result = S_ISLNK(st.st_mode) ? lookUp(entry.place + entry.name, st).number : result;
+    return result >= 0 && !isShown(st) ? -ENOENT : std::min(result, 0);
 }
 
 Descriptor openInTree(const std::string& path, int access, struct stat& st) {
@@ -165,13 +169,13 @@ Descriptor openInTree(const std::string& path, int access, struct stat& st) {
     // The name is quicker than what was found. But another program may have a lease, or something else the name: then
     // what was found is opened itself, however long that takes.
     Descriptor opened = openBeneath(path, access | O_NONBLOCK | O_NOCTTY);
-    if (opened.number < 0 || fstat(opened.number, &st) != 0 || !isSameFile(st, judged)) {
-        const std::string own = std::to_string(found.number);
-        opened = Descriptor(resultOf(openat(ownDescriptors.number, own.c_str(), access | O_CLOEXEC)));
-        const int known = opened.number < 0 ? 0 : resultOfOpen(fstat(opened.number, &st));
-        return known != 0 ? Descriptor(known) : std::move(opened);
+    if (opened.number >= 0 && fstat(opened.number, &st) == 0 && isSameFile(st, judged)) {
+        return opened;
     }
-    return opened;
+    const std::string own = std::to_string(found.number);
+    opened = Descriptor(resultOf(openat(ownDescriptors.number, own.c_str(), access | O_CLOEXEC)));
+    const int known = opened.number < 0 ? 0 : resultOfOpen(fstat(opened.number, &st));
+    return known != 0 ? Descriptor(known) : std::move(opened);
 }
 
 ssize_t readFrom(const Descriptor& file, char* bytes, std::size_t length, std::uint64_t offset) {
@@ -207,8 +211,8 @@ int truncateInTree(const std::string& path, std::int64_t size) {
 }
 
 int createInTree(const std::string& path, std::optional<unsigned> mode) {
-    const int result = !isUtf8(path) ? -EINVAL : changeEntry(path, [mode](int directory, const char* name) {
-        Descriptor file(resultOf(openat(directory, name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
+    const int result = !isUtf8(path) ? -EINVAL : changeEntry(path, [mode](const Entry& entry) {
+        Descriptor file(resultOf(openat(entry.directory, entry.name, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC,
                                         (mode.value_or(newFileMode) & permissionBits) | ownersBits)));
         const int synced = file.number < 0 ? file.number : syncDescriptor(file, fsync);
         return synced != 0 ? synced : closeFile(file);
@@ -219,32 +223,30 @@ int createInTree(const std::string& path, std::optional<unsigned> mode) {
 }
 
 int makeDirectoryInTree(const std::string& path) {
-    return !isUtf8(path) ? -EINVAL : changeEntry(path, [](int directory, const char* name) {
-        return resultOf(mkdirat(directory, name, newDirectoryMode));
+    return !isUtf8(path) ? -EINVAL : changeEntry(path, [](const Entry& entry) {
+        return resultOf(mkdirat(entry.directory, entry.name, newDirectoryMode));
     });
 }
 
 int removeInTree(const std::string& path, int flags) {
-    struct stat st;
-    const int found = lookUp(path, st).number;
-    return found < 0 ? found : changeEntry(path, [flags](int directory, const char* name) {
-        return resultOf(unlinkat(directory, name, flags));
+    return changeEntry(path, [flags](const Entry& entry) {
+        struct stat st;
+        const int found = statEntry(entry, st);
+        return found < 0 ? found : resultOf(unlinkat(entry.directory, entry.name, flags));
     });
 }
 
 int renameInTree(const std::string& from, const std::string& to, bool replace) {
-    struct stat st;
-    if (const int found = isUtf8(to) ? lookUp(from, st).number : -EINVAL; found < 0) {
-        return found;
-    }
-    // What is not shown, like a link that leads outside, must not be replaced either.
-    if (const int shown = lookUp(to, st).number; shown < 0 && isEntry(storedSpelling(to))) {
-        return isFailure(shown) ? shown : -EEXIST;
-    }
-    return changeEntry(from, [&](int sourceDirectory, const char* source) {
-        return changeEntry(to, [&](int targetDirectory, const char* target) {
+    return !isUtf8(to) ? -EINVAL : changeEntry(from, [&](const Entry& source) {
+        struct stat st;
+        const int found = statEntry(source, st);
+        return found < 0 ? found : changeEntry(to, [&](const Entry& target) {
+            // What is not shown, like a link that leads outside, must not be replaced either.
+            if (const int shown = statEntry(target, st); shown < 0 && (isFailure(shown) || st.st_mode != 0)) {
+                return isFailure(shown) ? shown : -EEXIST;
+            }
             const int flags = replace ? 0 : RENAME_NOREPLACE;
-            const int result = resultOf(renameat2(sourceDirectory, source, targetDirectory, target, flags));
+            const int result = resultOf(renameat2(source.directory, source.name, target.directory, target.name, flags));
             // Both parents are directories, so this error means that a directory was to replace a file.
             return result == -ENOTDIR ? -EEXIST : result;
         });

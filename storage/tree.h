@@ -14,11 +14,18 @@ int openTree(const char* directory, bool sync);
 // True when the served directory has been removed, or the mount that it was on is cut off.
 bool isTreeGone();
 
-// False for sockets and devices: clients would take them for directories.
-bool isShown(const struct stat& st);
-
-// Finds what `path` leads to, without opening it, and stores its attributes in `st`; -ENOENT if it is not shown.
+// Finds what `path` leads to, without opening it, and stores its attributes in `st`. -ENOENT for sockets and devices,
+// which are not shown: clients would take them for directories.
 Descriptor lookUp(const std::string& path, struct stat& st);
+
+struct Entry {
+    int directory;            // open
+    const std::string& place; // its path, which ends in a slash unless it is empty
+    const char* name;
+};
+
+// The same for an entry, but quicker. If that fails, `st` has the entry's own attributes, or the mode 0 without one.
+int statEntry(const Entry& entry, struct stat& st);
 
 // Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for all
 // else, and for writing the kernel's own state. It waits while another program has a lease.
