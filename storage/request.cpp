@@ -3,7 +3,6 @@
 #include "storage/access.h"
 
 #include <arpa/inet.h>
-#include <map>
 #include <microhttpd.h>
 #include <strings.h>
 
@@ -46,30 +45,26 @@ bool decodePath(std::string_view encoded, std::string& path) {
 }
 
 bool parseQuery(std::string_view query, Target& target) {
-    std::map<std::string_view, std::string_view> values;
-    if (query.find(';') != std::string_view::npos) { // where some proxies take a parameter to end
-        return false;
-    }
+    constexpr std::string_view names[] = {"action", "offset", "mode", "to", "replace"};
+    std::optional<std::string_view> values[std::size(names)];
+    const auto& [action, offset, mode, to, replace] = values;
+    bool isDoubtful = query.find(';') != std::string_view::npos; // some proxies take a parameter to end there
     for (std::string_view rest = query; !rest.empty();) {
         std::string_view value = takeUntil(rest, '&');
-        const std::string_view key = takeUntil(value, '=');
-        if (!values.emplace(key, value).second) { // a proxy may take the first of two
-            return false;
-        }
+        const auto* const name = std::find(std::begin(names), std::end(names), takeUntil(value, '='));
+        // Of a parameter that comes twice a proxy may take the first.
+        isDoubtful |= name != std::end(names) && std::exchange(values[name - names], value).has_value();
     }
-    const auto* action = query.empty()
-                             ? std::begin(actionNames)
-                             : std::find(std::begin(actionNames) + 1, std::end(actionNames), values["action"]);
-    target.action = static_cast<Action>(action - actionNames);
-    target.replace = values["replace"] == "1";
-    const bool hasOffset = values.contains("offset");
+    const auto* named = query.empty()
+                            ? std::begin(actionNames)
+                            : std::find(std::begin(actionNames) + 1, std::end(actionNames), action.value_or(""));
+    target.action = static_cast<Action>(named - actionNames);
+    target.replace = replace == "1";
     const bool needsOffset = target.action == Action::truncate || target.action == Action::write;
-    const bool hasName = values.contains("to");
-    return action != std::end(actionNames) && (hasOffset || !needsOffset) &&
-           (hasName || target.action != Action::rename) &&
-           (!hasOffset || (parseNumber(values["offset"], target.offset.emplace()) && *target.offset >= 0)) &&
-           (!values.contains("mode") || parseNumber(values["mode"], target.mode.emplace())) &&
-           (!hasName || decodePath(values["to"], target.to.emplace()));
+    return !isDoubtful && named != std::end(actionNames) && (offset || !needsOffset) &&
+           (to || target.action != Action::rename) &&
+           (!offset || (parseNumber(*offset, target.offset.emplace()) && *target.offset >= 0)) &&
+           (!mode || parseNumber(*mode, target.mode.emplace())) && (!to || decodePath(*to, target.to.emplace()));
 }
 
 // Checks the headers that say where the body ends, and stores its length if they tell it. If they leave doubt, the rest
