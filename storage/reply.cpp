@@ -166,10 +166,10 @@ Reply answer(Request& request) {
         return statistics(request);
     case Action::props:
         result = lookUp(target.path, st).number;
-        return replyFor(request, result, attributeObject(st));
+        break;
     case Action::write:
         result = writeInTree(std::move(request.file), target.path, request.body, *target.offset, st);
-        return replyFor(request, result, attributeObject(st));
+        break;
     case Action::create:
         return replyFor(request, createInTree(target.path, target.mode));
     case Action::truncate:
@@ -181,9 +181,9 @@ Reply answer(Request& request) {
     case Action::mkdir:
         return envelope(request, makeDirectoryInTree(target.path));
     case Action::rename:
-        break;
+        return envelope(request, renameInTree(target.path, *target.to, target.replace));
     }
-    return envelope(request, renameInTree(target.path, *target.to, target.replace));
+    return result < 0 ? refuseFor(request, result) : jsonReply(attributeObject(st));
 }
 
 Reply refuse(const Request& request, unsigned status) {
