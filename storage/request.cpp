@@ -18,8 +18,8 @@ std::string_view takeUntil(std::string_view& text, char separator) {
     return taken;
 }
 
-// Decodes a percent-encoded path into `path`; false when the encoding is broken or a component is "." or "..", or holds
-// a NUL. Empty components are dropped.
+// Decodes a percent-encoded path into `path`, which is empty; false when the encoding is broken or a component is "."
+// or "..", or holds a NUL. Empty components are dropped.
 bool decodePath(std::string_view encoded, std::string& path) {
     std::string text;
     for (std::size_t i = 0; i < encoded.size(); ++i) {
@@ -33,7 +33,6 @@ bool decodePath(std::string_view encoded, std::string& path) {
         }
         text += static_cast<char>(c);
     }
-    path.clear();
     for (std::string_view rest = text; !rest.empty();) {
         const std::string_view component = takeUntil(rest, '/');
         if (component == "." || component == "..") {
@@ -45,9 +44,9 @@ bool decodePath(std::string_view encoded, std::string& path) {
 }
 
 bool parseQuery(std::string_view query, Target& target) {
-    constexpr std::string_view names[] = {"action", "offset", "mode", "to", "replace"};
+    constexpr std::string_view names[] = {"action", "flags", "offset", "mode", "to", "replace"};
     std::optional<std::string_view> values[std::size(names)];
-    const auto& [action, offset, mode, to, replace] = values;
+    const auto& [action, flags, offset, mode, to, replace] = values;
     bool isDoubtful = query.find(';') != std::string_view::npos; // some proxies take a parameter to end there
     for (std::string_view rest = query; !rest.empty();) {
         std::string_view value = takeUntil(rest, '&');
@@ -55,13 +54,13 @@ bool parseQuery(std::string_view query, Target& target) {
         // Of a parameter that comes twice a proxy may take the first.
         isDoubtful |= name != std::end(names) && std::exchange(values[name - names], value).has_value();
     }
-    const auto* named = query.empty()
-                            ? std::begin(actionNames)
-                            : std::find(std::begin(actionNames) + 1, std::end(actionNames), action.value_or(""));
-    target.action = static_cast<Action>(named - actionNames);
+    const auto* chosen = query.empty()
+                             ? std::begin(actionNames)
+                             : std::find(std::begin(actionNames) + 1, std::end(actionNames), action.value_or(""));
+    target.action = static_cast<Action>(chosen - actionNames);
     target.replace = replace == "1";
     const bool needsOffset = target.action == Action::truncate || target.action == Action::write;
-    return !isDoubtful && named != std::end(actionNames) && (offset || !needsOffset) &&
+    return !isDoubtful && chosen != std::end(actionNames) && (offset || !needsOffset) &&
            (to || target.action != Action::rename) &&
            (!offset || (parseNumber(*offset, target.offset.emplace()) && *target.offset >= 0)) &&
            (!mode || parseNumber(*mode, target.mode.emplace())) && (!to || decodePath(*to, target.to.emplace()));
