@@ -31,9 +31,10 @@ Descriptor openBeneath(const std::string& path, std::uint64_t flags) {
     return Descriptor(static_cast<int>(opened));
 }
 
-// A link that leads nowhere is an entry as well.
+// A link that leads nowhere is an entry as well. So is one that fails: its other spelling must not stand in for it.
 bool isEntry(const std::string& path) {
-    return openBeneath(path, O_PATH | O_NOFOLLOW).number >= 0;
+    const int found = openBeneath(path, O_PATH | O_NOFOLLOW).number;
+    return found >= 0 || statusOf(found) != statusOf(ENOENT);
 }
 
 bool isShown(const struct stat& st) {

@@ -24,7 +24,7 @@ struct Entry {
     const char* name;
 };
 
-// The same for an entry, but quicker. If that fails, `st` has the entry's own attributes, or the mode 0 without one.
+// The same for an entry, but quicker. On failure `st` has what was found: perhaps the link itself, or nothing (mode 0).
 int statEntry(const Entry& entry, struct stat& st);
 
 // Opens the file at `path` for reading or writing (O_RDONLY, O_WRONLY), or the directory for reading. -EPERM for all

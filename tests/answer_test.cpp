@@ -42,7 +42,7 @@ int __wrap_fstatat(int directory, const char* name, struct stat* st, int flags) 
 }
 long __real_syscall(long number, int directory, const char* name, const open_how* how, std::size_t size);
 long __wrap_syscall(long number, int directory, const char* name, const open_how* how, std::size_t size) {
-    return fails("openat2") ? -1 : __real_syscall(number, directory, name, how, size);
+    return fails("openat2") || fails(name) ? -1 : __real_syscall(number, directory, name, how, size);
 }
 }
 
@@ -51,6 +51,8 @@ int main() {
     std::filesystem::create_directories(tree / "d");
     std::ofstream(tree / "f") << "content";
     std::ofstream(tree / "bad") << "";
+    std::ofstream(tree / "e\xcc\x81") << "";
+    std::filesystem::create_symlink("../f", tree / "d/link");
     int wrong = openTree(tree.c_str(), true);
     // A file and every directory whose entries have changed are synced.
     const struct {
@@ -70,6 +72,10 @@ int main() {
         {"/m?action=rmdir", "404, 0"},
         {"/", "500, 0, broken off", "bad", EIO},
         {"/", "200, 0", "bad", ENOENT},
+        {"/", "403, 0", "bad", EACCES},
+        {"/d", "500, 0, broken off", "d/link", EIO},
+        {"/f?action=rename&to=bad&replace=1", "500, 0", "bad", EIO},
+        {"/%C3%A9?action=unlink", "500, 0", "\xc3\xa9", EIO}, // not the other spelling in its place
         {"/f", "500, 0, broken off", "pread", EIO},
         {"/f?action=write&offset=0", "500, 1", "pwrite", EPERM}, // of a mount that was cut off
         {"/f?action=write&offset=0", "507, 1", "pwrite", ENOSPC},

@@ -33,6 +33,7 @@ SECTIONS = {
         ("200 content" + JSON.replace("json", "octet-stream") + "\nAccept-Ranges: bytes", ["/d/in"]),
         ('200 {"s":7,"b":N,"m":33188,"nl":2,"at":2,"mt":1,"ct":N}' + JSON, ["/a.txt?action=props"]),
         (r'200 {"entries":[{"t":8,"s":7,"b":N,"m":33188,"nl":1,"at":N,"mt":N,"ct":N,"n":"\"\\\u001f"}]}', ["/odd"]),
+        ('200 *"n":"link"}*', ["/"]),
         ("200 content", ["/%2Fd%2fin", "//d//in/?", "GET http://@$/d/in"] + [f"/link\nRange: {part}" for part in (
             "bytes=5-2", "bytes=1-2,4-5", "lines=1-2", "bytes=0-18446744073709551616")]),
         ("206 nt\nContent-Range: bytes 5-6/7", ["/link\nRange: bytes=5-", "/link\nRange: bytes=-2"]),
@@ -57,6 +58,7 @@ SECTIONS = {
                        (1, "Content-Length: 0\r\nTransfer-Encoding: chunked", "0\r\n\r\n"),
                        (1, "Transfer-Encoding:\r\n chunked", ""), (0, "Transfer-Encoding: chunked", "0\r\n\r\n"))],
          "hidden", "d/in=content"),
+        ("204 ", ["/odd/%22%5C%1F?action=unlink"], "d/in=content"),
         # A link that leads outside is not replaced, and no name gets a second spelling.
         ('200 {"hc":409}', ["/a.txt?action=rename&to=out&replace=1", "/e\xcc\x81?action=mkdir"], "a.txt=content"),
         ("204 ", ["/new?action=create", "/e\xcc\x81?action=create", "/%EA%B0%80%E1%86%A7?action=create",
